@@ -1,0 +1,57 @@
+/*
+ * The one logging facility of the module. Every message goes, prefixed
+ * "[time][tid:N]function:line: ", to standard output, the Android log and the log file.
+ * Call sites define LOG_TAG once at the top of the file and write
+ *     ATCMD_LOG(threshold, "format", args...);
+ * A message is written when log_level >= threshold; threshold 0 is error priority, the rest info.
+ * The arguments are evaluated once per sink that is written, as with any per-sink print.
+ */
+#ifndef ATCMD_LOG_ATCMD_LOG_H
+#define ATCMD_LOG_ATCMD_LOG_H
+
+#include <stdint.h>
+#include <stdio.h>
+
+#include <android/log.h>
+
+#include "hal/c_exports.h"
+
+ATCMD_EXPORTS_BEGIN
+
+extern int32_t log_level;        /* default 4 */
+extern FILE *fd_logfile;         /* the open log file, or null */
+extern char buf_timestamp[32];   /* text of the latest time stamp; shared, unlocked */
+extern uint32_t ts_base_sec;     /* seconds subtracted from every time stamp */
+
+/* Writes "sec.usec" of the wall clock (minus ts_base_sec) into buf_timestamp and returns it. */
+char *get_timestamp(void);
+
+/* Creates `dir` and opens dir/name for appending as fd_logfile; returns 0 even on failure. */
+int log_file_init(const char *dir, const char *name);
+
+ATCMD_EXPORTS_END
+
+/* The three sinks, used only through the macros below. */
+void atcmd_log_stdout(const char *func, int line, const char *fmt, ...)
+    __attribute__((format(printf, 3, 4)));
+void atcmd_log_android(int prio, const char *tag, const char *func, int line, const char *fmt, ...)
+    __attribute__((format(printf, 5, 6)));
+void atcmd_log_file(const char *func, int line, const char *fmt, ...)
+    __attribute__((format(printf, 3, 4)));
+
+#define ATCMD_LOG_THRESHOLD_ERROR 0
+
+#define ATCMD_LOG_TAG(tag, threshold, ...)                                                      \
+    do {                                                                                        \
+        if (log_level >= (threshold)) {                                                         \
+            const int atcmd_prio_ =                                                             \
+                (threshold) == ATCMD_LOG_THRESHOLD_ERROR ? ANDROID_LOG_ERROR : ANDROID_LOG_INFO; \
+            atcmd_log_stdout(__func__, __LINE__, __VA_ARGS__);                                  \
+            atcmd_log_android(atcmd_prio_, (tag), __func__, __LINE__, __VA_ARGS__);             \
+            if (fd_logfile != nullptr) atcmd_log_file(__func__, __LINE__, __VA_ARGS__);         \
+        }                                                                                       \
+    } while (0)
+
+#define ATCMD_LOG(threshold, ...) ATCMD_LOG_TAG(LOG_TAG, threshold, __VA_ARGS__)
+
+#endif /* ATCMD_LOG_ATCMD_LOG_H */

@@ -1,0 +1,35 @@
+/*
+ * The wired links to the accessory: line settings and the UART ("/dev/ttyS4") and VUART
+ * ("/dev/ttyACM" + n) open, receive and send functions.
+ */
+#ifndef ATCMD_SERIAL_SERIAL_H
+#define ATCMD_SERIAL_SERIAL_H
+
+#include <stddef.h>
+#include <stdint.h>
+
+#include "hal/c_exports.h"
+
+ATCMD_EXPORTS_BEGIN
+
+extern int32_t g_uart_fd;  /* "/dev/ttyS4", -1 while closed */
+extern int32_t g_vuart_fd; /* the accessory's ACM port, -1 while closed */
+extern long g_dev_ACM;     /* n of "/dev/ttyACM" + n, -1 until found */
+
+int32_t UART_setOpt(int32_t fd, int32_t speed, int32_t data_bits, char parity, int32_t stop_bits);
+int32_t VUART_setOpt(int32_t fd, int32_t speed, int32_t data_bits, char parity,
+                     int32_t stop_bits);
+
+int UART_init(int32_t *fd);
+int VUART_init(int32_t *fd, long acm_index);
+int UART_Recv(int32_t fd, char *buf, size_t len, int32_t wait_ms);
+int VUART_Recv(int32_t fd, char *buf, size_t len, int32_t wait_ms);
+int UART_Send(int32_t fd, const char *buf, size_t len);
+int VUART_Send(int32_t fd, const char *buf, size_t len);
+
+ATCMD_EXPORTS_END
+
+#define ATCMD_UART_PATH "/dev/ttyS4"
+#define ATCMD_VUART_PATH_PREFIX "/dev/ttyACM"
+
+#endif /* ATCMD_SERIAL_SERIAL_H */

@@ -1,0 +1,53 @@
+/*
+ * Reliability and supervision: answer time-outs and resend, the supervisor thread that carries
+ * out every link change, and the loop-back test transmitter.
+ */
+#ifndef ATCMD_SUPERVISION_SUPERVISION_H
+#define ATCMD_SUPERVISION_SUPERVISION_H
+
+#include <pthread.h>
+#include <signal.h>
+#include <stdint.h>
+
+#include <atcmdprocess/atcmdprocess.h>
+
+#include "hal/c_exports.h"
+
+ATCMD_EXPORTS_BEGIN
+
+/* Time-outs and resend. */
+extern uint32_t g_timeout; /* resend threshold in microseconds, set at open */
+extern pthread_t g_timeout_thread;
+uint32_t Init_TimeoutPara(void);
+void *atcmder_Timeout_thread(void *arg);
+int rmTimeoutItem(const AtCmder_t *cmd);
+void notifytimeout(const AtCmder_t *cmd);
+void notifyUartNotWork(void);
+
+/* Supervisor. */
+extern pthread_t g_Sigprocess_thread;
+void *atcmder_sigProcess_thread(void *arg);
+void thread_exit_handler(int sig);
+
+/* Test transmitter. */
+extern pthread_t g_TestTx_thread;
+extern pthread_t g_VuartTxTst_thread;
+
+ATCMD_EXPORTS_END
+
+/* Resend thresholds in microseconds. */
+#define ATCMD_TIMEOUT_BEFORE_OPEN 50000u
+#define ATCMD_TIMEOUT_WIFI_SERVER 400000u
+#define ATCMD_TIMEOUT_DEFAULT 100000u
+
+/* Signals to the supervisor. */
+#define ATCMD_SIG_PLUG SIGUSR1
+#define ATCMD_SIG_UNPLUG SIGUSR2
+#define ATCMD_SIG_HIDDEMON_RUNNING SIGURG
+#define ATCMD_SIG_HANDSHAKE SIGVTALRM
+#define ATCMD_SIG_THREAD_EXIT SIGALRM
+
+/* Sends `sig` to the supervisor thread; the result of pthread_kill. */
+int atcmd_signal_supervisor(int sig);
+
+#endif /* ATCMD_SUPERVISION_SUPERVISION_H */

@@ -1,0 +1,295 @@
+#include "support/test_support.h"
+
+#include <fcntl.h>
+#include <ftw.h>
+#include <poll.h>
+#include <pty.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <termios.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <fstream>
+#include <sstream>
+#include <stdexcept>
+#include <thread>
+
+#include <cutils/properties.h>
+
+#include "engine/engine.h"
+#include "hal/hal.h"
+
+namespace atcmd_test {
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+int remove_entry(const char *path, const struct stat *, int, struct FTW *) {
+    remove(path);
+    return 0;
+}
+
+}  // namespace
+
+bool wait_until(const std::function<bool()> &pred, int timeout_ms) {
+    const auto deadline = Clock::now() + std::chrono::milliseconds(timeout_ms);
+    for (;;) {
+        if (pred()) return true;
+        if (Clock::now() >= deadline) return pred();
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+}
+
+std::string read_file(const std::string &path) {
+    std::ifstream in(path, std::ios::binary);
+    std::stringstream ss;
+    ss << in.rdbuf();
+    return ss.str();
+}
+
+void write_file(const std::string &path, const std::string &content) {
+    std::ofstream out(path, std::ios::binary | std::ios::trunc);
+    out << content;
+}
+
+Sandbox::Sandbox() {
+    const char *tmp = getenv("TMPDIR");
+    std::string tmpl = std::string(tmp != nullptr && tmp[0] != '\0' ? tmp : "/tmp") +
+                       "/atcmd-test-XXXXXX";
+    std::vector<char> buf(tmpl.begin(), tmpl.end());
+    buf.push_back('\0');
+    if (mkdtemp(buf.data()) == nullptr) throw std::runtime_error("mkdtemp failed");
+    root_ = buf.data();
+    mkdir((root_ + "/dev").c_str(), 0755);
+    setenv("ATCMD_ROOT", root_.c_str(), 1);
+}
+
+Sandbox::~Sandbox() {
+    if (getenv("ATCMD_KEEP_SANDBOX") == nullptr) {
+        nftw(root_.c_str(), remove_entry, 16, FTW_DEPTH | FTW_PHYS);
+    }
+}
+
+std::string Sandbox::log_path() const {
+    return root_ + std::string(ATCMD_LOG_DIR) + "/" + ATCMD_LOG_FILE;
+}
+
+std::string Sandbox::log_text() const { return read_file(log_path()); }
+
+bool Sandbox::wait_log(const std::string &text, int timeout_ms) const {
+    return wait_until([&] { return log_text().find(text) != std::string::npos; }, timeout_ms);
+}
+
+std::string Sandbox::property(const std::string &key) const {
+    char value[PROPERTY_VALUE_MAX];
+    property_get(key.c_str(), value, "");
+    return value;
+}
+
+void Sandbox::set_property(const std::string &key, const std::string &value) const {
+    property_set(key.c_str(), value.c_str());
+}
+
+Pty::Pty() {
+    char name[256];
+    if (openpty(&master_, &slave_, name, nullptr, nullptr) != 0) {
+        throw std::runtime_error("openpty failed");
+    }
+    fcntl(master_, F_SETFD, FD_CLOEXEC);
+    fcntl(slave_, F_SETFD, FD_CLOEXEC);
+    slave_path_ = name;
+}
+
+Pty::~Pty() {
+    if (slave_ >= 0) close(slave_);
+    if (master_ >= 0) close(master_);
+}
+
+void Pty::link_as(const Sandbox &sb, const std::string &as_written) const {
+    const std::string link = sb.path(as_written);
+    unlink(link.c_str());
+    if (symlink(slave_path_.c_str(), link.c_str()) != 0) {
+        throw std::runtime_error("symlink failed: " + link);
+    }
+}
+
+void Pty::make_slave_raw() const {
+    struct termios tio;
+    tcgetattr(slave_, &tio);
+    cfmakeraw(&tio);
+    tcsetattr(slave_, TCSANOW, &tio);
+}
+
+void Pty::write(const std::string &bytes) const {
+    size_t done = 0;
+    while (done < bytes.size()) {
+        ssize_t n = ::write(master_, bytes.data() + done, bytes.size() - done);
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) throw std::runtime_error("pty write failed");
+        done += static_cast<size_t>(n);
+    }
+}
+
+std::string Pty::read_until(const std::function<bool(const std::string &)> &done,
+                            int timeout_ms) const {
+    std::string got;
+    const auto deadline = Clock::now() + std::chrono::milliseconds(timeout_ms);
+    while (!done(got)) {
+        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+                              deadline - Clock::now()).count();
+        if (left <= 0) break;
+        struct pollfd pfd = {master_, POLLIN, 0};
+        int r = poll(&pfd, 1, static_cast<int>(left));
+        if (r < 0 && errno == EINTR) continue;
+        if (r <= 0) break;
+        char buf[1024];
+        ssize_t n = ::read(master_, buf, sizeof buf);
+        if (n <= 0) break;
+        got.append(buf, static_cast<size_t>(n));
+    }
+    return got;
+}
+
+std::string Pty::read_for(int window_ms) const {
+    return read_until([](const std::string &) { return false; }, window_ms);
+}
+
+Recorder &Recorder::instance() {
+    static Recorder recorder;
+    return recorder;
+}
+
+namespace {
+
+enum class Kind { None, Int, Ints2, Ints3, Ints6, Text, VerBlock, UsbPair };
+
+// What `data` points to, by message id.
+Kind kind_of(uint16_t msg_id) {
+    switch (msg_id) {
+        case AT_MSG_BAT:
+        case AT_MSG_BATCG:
+            return Kind::Ints6;
+        case AT_MSG_HALL:
+        case AT_MSG_HALLCG:
+        case AT_MSG_ACC:
+            return Kind::Ints3;
+        case AT_MSG_HRM:
+            return Kind::Ints2;
+        case AT_MSG_USBSTATE:
+            return Kind::UsbPair;
+        case AT_MSG_BTMAC:
+        case AT_MSG_BLEMAC:
+        case AT_MSG_SN:
+        case AT_MSG_SID:
+        case AT_MSG_TYPE:
+        case AT_MSG_DTR:
+        case AT_MSG_MMI1:
+        case AT_MSG_PT:
+            return Kind::Text;
+        case AT_MSG_VER:
+            return Kind::VerBlock;
+        default:
+            return Kind::Int;
+    }
+}
+
+}  // namespace
+
+void Recorder::callback(const AT_CMD_CbMsg_t *msg) {
+    Notice n{msg->msg_id, msg->seq_num, msg->data != nullptr, {}, {}};
+    if (msg->data != nullptr) {
+        const auto *ints = static_cast<const int32_t *>(msg->data);
+        switch (kind_of(msg->msg_id)) {
+            case Kind::Int: n.values.assign(ints, ints + 1); break;
+            case Kind::Ints2:
+            case Kind::UsbPair: n.values.assign(ints, ints + 2); break;
+            case Kind::Ints3: n.values.assign(ints, ints + 3); break;
+            case Kind::Ints6: n.values.assign(ints, ints + 6); break;
+            case Kind::Text: n.text = static_cast<const char *>(msg->data); break;
+            case Kind::VerBlock: {
+                const auto *block = static_cast<const char *>(msg->data);
+                constexpr int offsets[] = CORVEL_VER_SLOT_OFFSETS;
+                constexpr int sizes[] = CORVEL_VER_SLOT_SIZES;
+                for (int i = 0; i < CORVEL_VER_ITEMS; ++i) {
+                    if (i) n.text += "|";
+                    n.text += std::string(block + offsets[i], strnlen(block + offsets[i], sizes[i]));
+                }
+                break;
+            }
+            case Kind::None: break;
+        }
+    }
+    Recorder &r = instance();
+    std::lock_guard<std::mutex> lock(r.mutex_);
+    r.notices_.push_back(std::move(n));
+    r.changed_.notify_all();
+}
+
+std::vector<Notice> Recorder::notices() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return notices_;
+}
+
+size_t Recorder::count(uint16_t msg_id) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    size_t c = 0;
+    for (const Notice &n : notices_) c += n.msg_id == msg_id;
+    return c;
+}
+
+bool Recorder::wait_for(uint16_t msg_id, size_t count, int timeout_ms) {
+    std::unique_lock<std::mutex> lock(mutex_);
+    return changed_.wait_for(lock, std::chrono::milliseconds(timeout_ms), [&] {
+        size_t c = 0;
+        for (const Notice &n : notices_) c += n.msg_id == msg_id;
+        return c >= count;
+    });
+}
+
+void Recorder::clear() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    notices_.clear();
+}
+
+atcmdprocess_device_t *open_module() {
+    hw_device_t *common = nullptr;
+    if (HMI.methods->open(&HMI, ATCMDPROCESS_HARDWARE_MODULE_ID, &common) != 0) return nullptr;
+    auto *dev = reinterpret_cast<atcmdprocess_device_t *>(common);
+    dev->set_notify_callback(dev, Recorder::callback);
+    return dev;
+}
+
+atcmdprocess_device_t *bare_device(int32_t platform) {
+    static atcmdprocess_device_t dev;
+    dev = atcmdprocess_device_t{};
+    dev.system_status.platform = platform;
+    dev.system_status.mode = AT_MODE_NONE;
+    dev.system_status.wifi_status = -1;
+    dev.system_status.phone_state = 1;
+    dev.usb_status = -1;
+    dev.usb_connected = -1;
+    dev.notify_callback = Recorder::callback;
+    g_patcmd_dev = &dev;
+    return &dev;
+}
+
+std::vector<QueuedLine> drain_queue(struct atcmder_queue_head *head, pthread_mutex_t *mutex) {
+    std::vector<QueuedLine> lines;
+    char buf[AT_LINE_BUF_SIZE];
+    AtCmder_t cmd = {};
+    cmd.data = buf;
+    while (atcmder_dequeue(head, mutex, &cmd) == ATCMDER_QUEUE_OK) {
+        QueuedLine line{cmd, buf};
+        line.cmd.data = nullptr;
+        lines.push_back(line);
+    }
+    return lines;
+}
+
+std::vector<QueuedLine> drain_tx_queue() { return drain_queue(&Tx_head, &g_txqueue_mutex); }
+
+}  // namespace atcmd_test

@@ -1,0 +1,118 @@
+// Shared test fixtures: a sandbox root per test, pseudo-terminals that play the accessory,
+// waits with deadlines, the module's log file, and a recorder for notify callbacks.
+#pragma once
+
+#include <stdint.h>
+
+#include <functional>
+#include <mutex>
+#include <condition_variable>
+#include <string>
+#include <vector>
+
+#include <atcmdprocess/atcmdprocess.h>
+
+#include "engine/engine.h"
+
+namespace atcmd_test {
+
+// Polls `pred` every millisecond until it holds or `timeout_ms` passed; returns its last value.
+bool wait_until(const std::function<bool()> &pred, int timeout_ms = 3000);
+
+std::string read_file(const std::string &path);
+void write_file(const std::string &path, const std::string &content);
+
+// A fresh directory set as ATCMD_ROOT, with dev/ made; removed at destruction.
+class Sandbox {
+public:
+    Sandbox();
+    ~Sandbox();
+    Sandbox(const Sandbox &) = delete;
+    Sandbox &operator=(const Sandbox &) = delete;
+
+    const std::string &root() const { return root_; }
+    std::string path(const std::string &as_written) const { return root_ + as_written; }
+    std::string log_path() const;
+    std::string log_text() const;
+    // Waits until the log file holds `text`.
+    bool wait_log(const std::string &text, int timeout_ms = 3000) const;
+    std::string property(const std::string &key) const;  // "" when unset
+    void set_property(const std::string &key, const std::string &value) const;
+
+private:
+    std::string root_;
+};
+
+// A pseudo-terminal; the test holds the master side and plays the accessory.
+class Pty {
+public:
+    Pty();
+    ~Pty();
+    Pty(const Pty &) = delete;
+    Pty &operator=(const Pty &) = delete;
+
+    int master() const { return master_; }
+    const std::string &slave_path() const { return slave_path_; }
+    // Symlinks `sandbox_path` (as written, e.g. "/dev/ttyACM3") to the slave.
+    void link_as(const Sandbox &sb, const std::string &as_written) const;
+    // Puts the slave side in raw mode, for tests that skip the module's own line set-up.
+    void make_slave_raw() const;
+    void write(const std::string &bytes) const;
+    // Reads from the master until `done(all_read)` holds or the deadline passes.
+    std::string read_until(const std::function<bool(const std::string &)> &done,
+                           int timeout_ms = 3000) const;
+    // Reads whatever arrives within `window_ms`.
+    std::string read_for(int window_ms) const;
+
+private:
+    int master_ = -1;
+    int slave_ = -1;  // kept open so the slave never reports hang-up before the module opens it
+    std::string slave_path_;
+};
+
+// One notify callback seen by the recorder; `values` holds what `data` pointed to, decoded by
+// the message id (integers) and `text` the text messages.
+struct Notice {
+    uint16_t msg_id;
+    uint16_t seq_num;
+    bool has_data;
+    std::vector<int32_t> values;
+    std::string text;
+};
+
+// Collects notify callbacks from any thread.
+class Recorder {
+public:
+    static Recorder &instance();
+    static void callback(const AT_CMD_CbMsg_t *msg);
+
+    std::vector<Notice> notices();
+    // Waits until at least `count` notices with `msg_id` arrived.
+    bool wait_for(uint16_t msg_id, size_t count = 1, int timeout_ms = 3000);
+    size_t count(uint16_t msg_id);
+    void clear();
+
+private:
+    std::mutex mutex_;  // guards notices_
+    std::condition_variable changed_;
+    std::vector<Notice> notices_;
+};
+
+// Opens the module through HMI's open method and installs the recorder's callback.
+atcmdprocess_device_t *open_module();
+
+// A device object as open leaves it (platform 1, mode -1, ...), with the recorder's callback,
+// installed as g_patcmd_dev but with no engine thread started: for tests that drive one function
+// at a time and read the queues themselves.
+atcmdprocess_device_t *bare_device(int32_t platform = PLATFORM_VUART);
+
+struct QueuedLine {
+    AtCmder_t cmd;  // cmd.data is not valid; the text is in `text`
+    std::string text;
+};
+
+// Takes every record off a queue (Tx_head by default), in order.
+std::vector<QueuedLine> drain_queue(struct atcmder_queue_head *head, pthread_mutex_t *mutex);
+std::vector<QueuedLine> drain_tx_queue();
+
+}  // namespace atcmd_test
