@@ -1,23 +1,117 @@
 /*
- * The step after parsing and the dispatch thread (to be filled).
+ * The step after parsing and the dispatch thread. atcmder_post_parse_process runs on every
+ * receive thread and either bridges a line to the other side (Tx_head) or queues it for
+ * dispatch (Rx_head); the dispatch thread runs each row's answer parser in arrival order and
+ * retires answered requests. Writes only the queues.
  */
 #define LOG_TAG "ATCMD_MANAGE"
 
+#include <string.h>
 #include <sys/prctl.h>
-#include <unistd.h>
+#include <time.h>
 
 #include "engine/engine.h"
+#include "hal/hal.h"
 #include "log/atcmd_log.h"
+#include "supervision/supervision.h"
 
 pthread_t g_dispatch_thread = 0;
 
-int atcmder_post_parse_process(AtCmder_t * /*cmd*/) { return 0; }
+namespace {
+
+// Producers signal without holding the consumer's wait mutex, so a signal can fall between the
+// emptiness test and the wait. A consumer therefore never sleeps longer than this before it
+// tests again; a missed wake-up costs at most this delay instead of waiting for the next record.
+constexpr long kQueueRecheckNs = 20L * 1000 * 1000;
+
+const char *text_of(const AtCmder_t *cmd) { return cmd->data != nullptr ? cmd->data : "(null)"; }
+
+// Lines of the platform-1 side that this platform-2 module carries between the Wi-Fi peer and
+// the accessory's serial line; "+DTR" lines are kept for this module.
+bool is_bridged(const AtCmder_t *cmd, int32_t platform, int32_t mode) {
+    return cmd->flag == AT_NODE_PLATFORM1 && mode == AT_MODE_WIFI && platform == PLATFORM_UART &&
+           cmd->cmd_id != AT_MSG_DTR;
+}
+
+}  // namespace
+
+void atcmder_wait_queue(struct atcmder_queue_head *head, pthread_mutex_t *list_mutex,
+                        pthread_mutex_t *wait_mutex, pthread_cond_t *not_empty) {
+    pthread_mutex_lock(wait_mutex);
+    while (atcmder_empty_queue(head, list_mutex) != 0) {
+        struct timespec until;
+        clock_gettime(CLOCK_MONOTONIC, &until);
+        until.tv_nsec += kQueueRecheckNs;
+        if (until.tv_nsec >= 1000L * 1000 * 1000) {
+            until.tv_sec += 1;
+            until.tv_nsec -= 1000L * 1000 * 1000;
+        }
+        pthread_cond_clockwait(not_empty, wait_mutex, CLOCK_MONOTONIC, &until);
+    }
+    pthread_mutex_unlock(wait_mutex);
+}
+
+int atcmder_post_parse_process(AtCmder_t *cmd) {
+    if (cmd == nullptr) {
+        ATCMD_LOG(0, "atcmder_post_parse_process got a NULL record, dropped\n");
+        return 0;
+    }
+    // Without a device (nothing opened yet) the platform is unknown: nothing is bridged.
+    const struct atcmdprocess_device *dev = g_patcmd_dev;
+    const int32_t platform = dev != nullptr ? dev->system_status.platform : 0;
+    const int32_t mode = dev != nullptr ? dev->system_status.mode : AT_MODE_NONE;
+    ATCMD_LOG(4, "current platform is %d, mode is %d, flag is %d", platform, mode, cmd->flag);
+
+    if (is_bridged(cmd, platform, mode)) {
+        if (cmd->source == AT_NODE_ACCESSORY) {
+            cmd->dest = AT_NODE_PLATFORM1;
+        } else if (cmd->source == AT_NODE_PLATFORM1) {
+            cmd->dest = AT_NODE_ACCESSORY;
+        }
+        atcmder_send_to_tx(cmd);
+        return 0;
+    }
+    atcmder_enqueue(&Rx_head, &g_rxqueue_mutex, cmd);
+    return pthread_cond_signal(&rxbuffer_notempty);
+}
 
 void *atcmder_dispatch_thread(void * /*arg*/) {
     prctl(PR_SET_NAME, "dispatch_thread");
     ATCMD_LOG(3, "atcmder_dispatch_thread thread is running");
-    for (;;) pause();
+    char text[AT_LINE_BUF_SIZE];
+    AtCmder_t cmd = {};
+    cmd.data = text;
+    for (;;) {
+        atcmder_wait_queue(&Rx_head, &g_rxqueue_mutex, &rxbuffer_Mutex, &rxbuffer_notempty);
+        while (atcmder_empty_queue(&Rx_head, &g_rxqueue_mutex) == 0) {
+            memset(text, 0, sizeof text);
+            if (atcmder_dequeue(&Rx_head, &g_rxqueue_mutex, &cmd) != ATCMDER_QUEUE_OK) continue;
+            ATCMD_LOG(4, "atcmder_dispatch_thread source is %u, data is %s", cmd.source, text);
+            atcmder_dispatch(&cmd);
+        }
+    }
     return nullptr;
 }
 
-uint32_t atcmder_dispatch(AtCmder_t * /*cmd*/) { return 0; }
+uint32_t atcmder_dispatch(AtCmder_t *cmd) {
+    if (cmd == nullptr) {
+        ATCMD_LOG(0, "atcmder_dispatch got a NULL record, dropped\n");
+        return 0;
+    }
+    if (cmd->cmd_id >= AT_MSG_COUNT) {
+        ATCMD_LOG(0, "atcmder_dispatch got unknown row %u, not parsed\n", cmd->cmd_id);
+    } else if (AT_CMDS[cmd->cmd_id].parser != nullptr) {
+        AT_CMDS[cmd->cmd_id].parser(cmd);
+    }
+
+    // The parser runs first so that it can still find the pending request; only answers to
+    // this side's own requests retire one, reports never do.
+    const struct atcmdprocess_device *dev = g_patcmd_dev;
+    const int32_t platform = dev != nullptr ? dev->system_status.platform : 0;
+    if (cmd->flag == platform && cmd->type == AT_TYPE_RESPONSE && cmd->seq_num != 0) {
+        rmTimeoutItem(cmd);
+    }
+    ATCMD_LOG(4, "atcmder_dispatch type is %u, flag is %u, platform is %d, data is %s", cmd->type,
+              cmd->flag, platform, text_of(cmd));
+    return 0;
+}

@@ -133,4 +133,10 @@ void at_rx_frame(struct at_rx_buffer *rx, size_t received, at_rx_deliver_fn deli
 /* Puts a copy of `cmd` on a queue and wakes its consumer. */
 uint32_t atcmder_send_to_tx(const AtCmder_t *cmd);
 
+/* A consumer's wait: returns once `head` holds a record. Tests emptiness under `wait_mutex`
+ * and sleeps on `not_empty`, re-testing at a short interval so that a signal sent between the
+ * test and the wait is never lost for good. */
+void atcmder_wait_queue(struct atcmder_queue_head *head, pthread_mutex_t *list_mutex,
+                        pthread_mutex_t *wait_mutex, pthread_cond_t *not_empty);
+
 #endif /* ATCMD_ENGINE_ENGINE_H */
