@@ -22,6 +22,13 @@
 #include "engine/engine.h"
 #include "hal/hal.h"
 
+// Sanitizer settings for every test process.
+extern "C" const char *__tsan_default_options() {
+    return "halt_on_error=1 second_deadlock_stack=1 suppressions=" ATCMD_TSAN_SUPPRESSIONS;
+}
+extern "C" const char *__asan_default_options() { return "abort_on_error=1"; }
+extern "C" const char *__ubsan_default_options() { return "print_stacktrace=1:halt_on_error=1"; }
+
 namespace atcmd_test {
 
 namespace {
