@@ -121,4 +121,7 @@ TEST_F(QueueTest, EmptyTextIsAcceptedThenDroppedLeavingTheQueueLocked) {
     }, &arg);
     pthread_join(other, nullptr);
     EXPECT_EQ(lock_result, ETIMEDOUT);
+
+    pthread_mutex_unlock(&mutex);  // held by this thread since the dequeue
+    EXPECT_EQ(drain_queue(&head, &mutex).size(), 1u);
 }
