@@ -32,4 +32,8 @@ ATCMD_EXPORTS_END
 #define ATCMD_UART_PATH "/dev/ttyS4"
 #define ATCMD_VUART_PATH_PREFIX "/dev/ttyACM"
 
+/* Log tags of the two channels; every line about a channel carries its own. */
+#define ATCMD_UART_TAG "ATCMD_UART"
+#define ATCMD_VUART_TAG "ATCMD_VUART"
+
 #endif /* ATCMD_SERIAL_SERIAL_H */

@@ -1,17 +1,199 @@
 /*
- * UART and VUART open, receive and send (to be filled).
+ * The UART ("/dev/ttyS4") and VUART ("/dev/ttyACM" + n) channels: open and configure, timed
+ * receive, single-shot send. Run by the open path, the supervisor, the receive threads and the
+ * transmit thread, without locks. Owns g_uart_fd, g_vuart_fd and g_dev_ACM; the initialisers
+ * write the descriptor the caller points them at, nothing else here writes a global.
  */
-#define LOG_TAG "ATCMD_UART"
+#define LOG_TAG ATCMD_UART_TAG
 
+#include <errno.h>
+#include <fcntl.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/select.h>
+#include <termios.h>
+#include <unistd.h>
+
+#include "log/atcmd_log.h"
+#include "platform/root_path.h"
 #include "serial/serial.h"
 
 int32_t g_uart_fd = -1;
 int32_t g_vuart_fd = -1;
 long g_dev_ACM = -1;
 
-int UART_init(int32_t *) { return -1; }
-int VUART_init(int32_t *, long) { return -1; }
-int UART_Recv(int32_t, char *, size_t, int32_t) { return -1; }
-int VUART_Recv(int32_t, char *, size_t, int32_t) { return -1; }
-int UART_Send(int32_t, const char *, size_t) { return -1; }
-int VUART_Send(int32_t, const char *, size_t) { return -1; }
+namespace {
+
+// The one line setting both links use: 460800 bit/s, 8 data bits, no parity, 1 stop bit.
+constexpr int32_t kLineSpeed = 460800;
+constexpr int32_t kLineDataBits = 8;
+constexpr char kLineParity = 'n';
+constexpr int32_t kLineStopBits = 1;
+
+// The ACM path as written ("/dev/ttyACM" + n) must fit this buffer, which bounds n to 0..9999.
+constexpr size_t kVuartPathSize = 16;
+
+constexpr int kPortOpenFlags = O_RDWR | O_NOCTTY | O_NDELAY | O_CLOEXEC;
+
+// What differs between the two sets once the port is open. Every format of a row takes the same
+// arguments as its counterpart; the UART's "opened" text does not print the descriptor.
+struct Channel {
+    const char *tag;
+    int32_t (*set_opt)(int32_t, int32_t, int32_t, char, int32_t);
+    const char *fcntl_fmt;      // (result of fcntl)
+    const char *not_a_tty;      // no arguments
+    const char *opened_fmt;     // (descriptor)
+    const char *set_opt_error;  // no arguments
+    const char *ready_fmt;      // (path as written, descriptor)
+};
+
+constexpr Channel kUart = {
+    ATCMD_UART_TAG,
+    UART_setOpt,
+    "serial fcntl=%d",
+    "serial standard input is not a terminal device\n",
+    "serial open success!",
+    "serial Set opt Error\n",
+    "Init uart %s successfully, uart fd is %d ",
+};
+
+constexpr Channel kVuart = {
+    ATCMD_VUART_TAG,
+    VUART_setOpt,
+    "serial fcntl=%d\n",
+    "serial standard input is not a terminal device!",
+    "serial open successfully, vuart fd is %d!",
+    "Vserial Set opt Error!",
+    "Init Vuart %s successfully, Vuart fd is %d ",
+};
+
+int open_port(const char *as_written) {
+    char path[ATCMD_ROOTED_PATH_MAX];
+    if (atcmd_root_path(as_written, path, sizeof path) != 0) {
+        errno = ENAMETOOLONG;
+        return -1;
+    }
+    int fd;
+    do {
+        fd = open(path, kPortOpenFlags);
+    } while (fd < 0 && errno == EINTR);
+    return fd;
+}
+
+// Steps after a successful open: blocking mode, terminal check, line setting. On failure the
+// descriptor is closed but the caller's copy keeps its number, as callers expect.
+int configure_port(const Channel &ch, const char *as_written, int32_t fd) {
+    // fcntl runs once more for each sink that prints the line; it is idempotent.
+    if (fcntl(fd, F_SETFL, 0) < 0) {
+        ATCMD_LOG_TAG(ch.tag, 4, "serial fcntl failed!");
+    } else {
+        ATCMD_LOG_TAG(ch.tag, 4, ch.fcntl_fmt, fcntl(fd, F_SETFL, 0));
+    }
+    if (!isatty(fd)) {
+        ATCMD_LOG_TAG(ch.tag, 4, "%s", ch.not_a_tty);
+        close(fd);
+        return -1;
+    }
+    ATCMD_LOG_TAG(ch.tag, 4, ch.opened_fmt, fd);
+    if (ch.set_opt(fd, kLineSpeed, kLineDataBits, kLineParity, kLineStopBits) == -1) {
+        ATCMD_LOG_TAG(ch.tag, 4, "%s", ch.set_opt_error);
+        close(fd);
+        return -1;
+    }
+    tcflush(fd, TCIOFLUSH);
+    fcntl(fd, F_SETFL, 0);
+    ATCMD_LOG_TAG(ch.tag, 3, ch.ready_fmt, as_written, fd);
+    return 0;
+}
+
+// A negative wait (the receive threads pass -1) makes select fail at once; the error falls
+// through to the blocking read, which then waits for the first byte without limit.
+int serial_recv(int32_t fd, char *buf, size_t len, int32_t wait_ms) {
+    if (fd < 0 || fd >= FD_SETSIZE) {
+        // A descriptor outside the select set is a caller's bug that would write past it.
+        ATCMD_LOG(0, "serial receive on descriptor %d outside 0..%d, giving up", fd,
+                  FD_SETSIZE - 1);
+        abort();
+    }
+    struct timeval tv;
+    tv.tv_sec = wait_ms / 1000;
+    tv.tv_usec = (wait_ms % 1000) * 1000;
+    fd_set readable;
+    FD_ZERO(&readable);
+    FD_SET(fd, &readable);
+    if (select(fd + 1, &readable, nullptr, nullptr, &tv) == 0) return -1;
+    return static_cast<int>(read(fd, buf, len));
+}
+
+int serial_send(const char *tag, int32_t fd, const char *buf, size_t len) {
+    if (buf == nullptr) {
+        ATCMD_LOG_TAG(tag, 0, "serial send without data, nothing written");
+        return -1;
+    }
+    ssize_t written;
+    do {
+        written = write(fd, buf, len);
+    } while (written < 0 && errno == EINTR);
+    if (written < 0 || static_cast<size_t>(written) != len) {
+        ATCMD_LOG_TAG(tag, 4, "serial write device error\n");
+        tcflush(fd, TCOFLUSH);
+        return -1;
+    }
+    // Bounded by len: a caller's text that lacks its terminator is still printed safely.
+    ATCMD_LOG_TAG(tag, 4, "serial send data is %.*s", static_cast<int>(len), buf);
+    return static_cast<int>(len);
+}
+
+}  // namespace
+
+int UART_init(int32_t *fd) {
+    if (fd == nullptr) {
+        ATCMD_LOG(0, "UART_init without a place for the descriptor");
+        return -1;
+    }
+    *fd = open_port(ATCMD_UART_PATH);
+    if (*fd < 0) {
+        ATCMD_LOG(0, "open AMLOGIC UART fails");
+        return -1;
+    }
+    return configure_port(kUart, ATCMD_UART_PATH, *fd);
+}
+
+int VUART_init(int32_t *fd, long acm_index) {
+    if (fd == nullptr) {
+        ATCMD_LOG_TAG(ATCMD_VUART_TAG, 0, "VUART_init without a place for the descriptor");
+        return -1;
+    }
+    char path[kVuartPathSize];
+    const int n = snprintf(path, sizeof path, ATCMD_VUART_PATH_PREFIX "%ld", acm_index);
+    if (n < 0 || static_cast<size_t>(n) >= sizeof path) {
+        ATCMD_LOG_TAG(ATCMD_VUART_TAG, 0, "ACM port number %ld does not fit a %zu-byte path, abort",
+                      acm_index, sizeof path);
+        abort();
+    }
+    *fd = open_port(path);
+    if (*fd < 0) {
+        const int err = errno;  // the log's sinks may change errno between them
+        ATCMD_LOG_TAG(ATCMD_VUART_TAG, 0, "open serial %s fails, error num is %d, error num is %s",
+                      path, *fd, strerror(err));
+        return -1;
+    }
+    return configure_port(kVuart, path, *fd);
+}
+
+int UART_Recv(int32_t fd, char *buf, size_t len, int32_t wait_ms) {
+    return serial_recv(fd, buf, len, wait_ms);
+}
+
+int VUART_Recv(int32_t fd, char *buf, size_t len, int32_t wait_ms) {
+    return serial_recv(fd, buf, len, wait_ms);
+}
+
+int UART_Send(int32_t fd, const char *buf, size_t len) {
+    return serial_send(ATCMD_UART_TAG, fd, buf, len);
+}
+
+int VUART_Send(int32_t fd, const char *buf, size_t len) {
+    return serial_send(ATCMD_VUART_TAG, fd, buf, len);
+}
