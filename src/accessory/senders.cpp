@@ -1,14 +1,164 @@
 /*
- * Outbound state and identity lines (to be filled).
+ * The lines this phone sends of its own accord: its state, its Bluetooth MAC, the Wi-Fi module's
+ * version and the production loop-back pattern. Run on the caller's thread (dispatch, supervisor,
+ * test transmitter); the property waits block it for up to about two seconds. Writes slot 3 of
+ * g_corvel_devInfo.ver (the Wi-Fi module's version), without a lock, as the parsers do.
  */
 #define LOG_TAG "ATCMD_MANAGE"
 
+#include <stdio.h>
+#include <string.h>
+#include <unistd.h>
+
+#include <array>
+
+#include <cutils/properties.h>
+
 #include "accessory/accessory.h"
+#include "engine/engine.h"
+#include "hal/hal.h"
+#include "log/atcmd_log.h"
 
 char bt_mac_prop[64] = "net.bluetooth.macaddr";
 
-void send_stateToMCU(void) {}
-void send_stateToMPHONE(int32_t) {}
-void send_bt_mac(void) {}
-void send_amlogic_ver(void) {}
-void send_ptest_data(uint32_t) {}
+namespace {
+
+constexpr char kVersionProp[] = "ro.quorvanta.version";
+constexpr int kPropertyRetries = 200;          // a value got only at the last retry still fails
+constexpr useconds_t kPropertyRetryUs = 10000;
+constexpr size_t kWifiVerSlot = 3;             // the Wi-Fi module's version in the block
+constexpr std::array<size_t, CORVEL_VER_ITEMS> kVerSlotOffsets = CORVEL_VER_SLOT_OFFSETS;
+constexpr std::array<size_t, CORVEL_VER_ITEMS> kVerSlotSizes = CORVEL_VER_SLOT_SIZES;
+constexpr size_t kWifiVerSlotSize = kVerSlotSizes[kWifiVerSlot];
+constexpr char kPtestOddPattern[] = "987654321";
+constexpr char kPtestEvenPattern[] = "123456789";
+
+// State words by number, shared with what getstate_fromCmdString reads back; 7 (INIT) is only
+// ever received, so it and every other number send no word.
+constexpr std::array<const char *, 7> kStateWords = {
+    "", "IDLE", "ACTIVE", "READY", "PWROFF", "UPDATE", "NOACK"};
+
+const char *state_word(int32_t state) {
+    return state >= 0 && static_cast<size_t>(state) < kStateWords.size() ? kStateWords[state] : "";
+}
+
+struct MacLine {
+    const char *keyword;  // what this side calls the MAC it sends
+    int number;           // the number after "#"
+    int flag;             // the number after "&"
+};
+// Platform 1 sends "+BTMAC" lines, platform 2 "+BLEMAC" lines. Both records carry row 7 (cmd_id
+// and seq_num), also on platform 2 where the wire says 8: answers are matched by keyword.
+constexpr MacLine kMacLineVuart = {"AT+BTMAC=", AT_MSG_BTMAC, PLATFORM_VUART};
+constexpr MacLine kMacLineUart = {"AT+BLEMAC=", AT_MSG_BLEMAC, PLATFORM_UART};
+
+// Header of a sent line; the unlisted fields are 0.
+struct LineHeader {
+    uint8_t type;
+    uint8_t dest;
+    uint8_t flag;
+    uint8_t cmd_id;
+    uint16_t seq_num;
+};
+
+void queue_line(const LineHeader &h, char *text) {
+    AtCmder_t cmd = {};
+    cmd.type = h.type;
+    cmd.dest = h.dest;
+    cmd.flag = h.flag;
+    cmd.cmd_id = h.cmd_id;
+    cmd.seq_num = h.seq_num;
+    cmd.data = text;
+    atcmder_send_to_tx(&cmd);  // queue errors are ignored
+}
+
+// Reads `key` into `value` (PROPERTY_VALUE_MAX bytes), retrying while it is empty. Fails when
+// the value came only at the last of the retries, as the wait has always been bounded.
+bool wait_property(const char *key, char *value) {
+    property_get(key, value, "");
+    int retries = 0;
+    while (value[0] == '\0') {
+        usleep(kPropertyRetryUs);
+        property_get(key, value, "");
+        if (++retries >= kPropertyRetries) break;
+    }
+    return retries < kPropertyRetries;
+}
+
+// The device's platform, or 0 (neither platform) with an error line when there is no device.
+int32_t current_platform() {
+    if (g_patcmd_dev != nullptr) return g_patcmd_dev->system_status.platform;
+    ATCMD_LOG(0, "no device, line dropped");
+    return 0;
+}
+
+// "+STATE=" + word + CR LF, as a response with the state row and no sequence number.
+void send_state_line(const char *word, uint8_t dest) {
+    char text[AT_LINE_BUF_SIZE] = {};
+    snprintf(text, sizeof text, "+STATE=%s\r\n", word);
+    queue_line({AT_TYPE_RESPONSE, dest, 0, AT_MSG_STATE, 0}, text);
+}
+
+}  // namespace
+
+// Answers the accessory's state query with the phone's state: only IDLE and ACTIVE are words.
+void send_stateToMCU(void) {
+    if (g_patcmd_dev == nullptr) {
+        ATCMD_LOG(0, "no device, state line dropped");
+        return;
+    }
+    const int32_t phone_state = g_patcmd_dev->system_status.phone_state;
+    const bool known = phone_state == 1 || phone_state == 2;
+    send_state_line(known ? state_word(phone_state) : "", AT_NODE_ACCESSORY);
+}
+
+void send_stateToMPHONE(int32_t state) { send_state_line(state_word(state), AT_NODE_PLATFORM1); }
+
+void send_bt_mac(void) {
+    const int32_t platform = current_platform();
+    if (platform == 0) return;
+    char mac[PROPERTY_VALUE_MAX] = {};
+    if (!wait_property(bt_mac_prop, mac)) {
+        ATCMD_LOG(0, "Can not get Corvel BTMAC %s.", bt_mac_prop);
+        return;
+    }
+    const MacLine &line = platform == PLATFORM_VUART ? kMacLineVuart : kMacLineUart;
+    char text[AT_LINE_BUF_SIZE] = {};
+    snprintf(text, sizeof text, "%s%s#%d&%d\r\n", line.keyword, mac, line.number, line.flag);
+    queue_line({AT_TYPE_RESPONSE, AT_NODE_ACCESSORY, static_cast<uint8_t>(platform), AT_MSG_BTMAC,
+                AT_MSG_BTMAC},
+               text);
+}
+
+// Tells the accessory the Wi-Fi module's version: the one cached in slot 3, or else the version
+// property, cached when it fits the slot with its terminator.
+void send_amlogic_ver(void) {
+    if (current_platform() != PLATFORM_UART) return;
+    char *slot = g_corvel_devInfo.ver + kVerSlotOffsets[kWifiVerSlot];
+    char version[PROPERTY_VALUE_MAX] = {};
+    if (slot[0] != '\0') {
+        snprintf(version, sizeof version, "%.*s", static_cast<int>(strnlen(slot, kWifiVerSlotSize)),
+                 slot);
+    } else if (!wait_property(kVersionProp, version)) {
+        ATCMD_LOG(0, "get corvel ver fail.");
+        return;
+    } else if (strlen(version) < kWifiVerSlotSize) {
+        memcpy(slot, version, strlen(version) + 1);
+    } else {
+        ATCMD_LOG(3, "Amlogic ver data is too long!");
+    }
+    char text[AT_LINE_BUF_SIZE] = {};
+    snprintf(text, sizeof text, "+VER=WIFI:%s", version);
+    ATCMD_LOG(4, "ver data is %s", text);
+    snprintf(text + strlen(text), sizeof text - strlen(text), "\r\n");
+    queue_line({AT_TYPE_RESPONSE, AT_NODE_ACCESSORY, 0, AT_MSG_VER, 0}, text);
+}
+
+// One step of the loop-back test: odd steps send one pattern, even steps the other.
+void send_ptest_data(uint32_t n) {
+    if (current_platform() != PLATFORM_UART) return;
+    char text[AT_LINE_BUF_SIZE] = {};
+    snprintf(text, sizeof text, "AT+PTEST=%s#%u&%d\r\n",
+             (n & 1u) != 0 ? kPtestOddPattern : kPtestEvenPattern, n, PLATFORM_UART);
+    queue_line({0, AT_NODE_ACCESSORY, 0, 0, 0}, text);
+}
