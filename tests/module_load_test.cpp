@@ -70,6 +70,8 @@ const std::set<std::string> kExportedNames = {
 
 TEST(ModuleLoadTest, LoadsThroughHmiOpensAndLogsIntoTheSandbox) {
     Sandbox sb;
+    // The tool is a process of its own: hand it the same race suppressions as the tests.
+    setenv("TSAN_OPTIONS", "suppressions=" ATCMD_TSAN_SUPPRESSIONS, 1);
     int status = -1;
     const std::string out = run(std::string("'") + std::string(ATCMD_BIN_DIR) + "/atcmd_open_demo' '" +
                                     std::string(ATCMD_MODULE_PATH) + "' 2>&1",
