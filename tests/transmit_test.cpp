@@ -25,7 +25,8 @@ protected:
     void SetUp() override { log_file_init(ATCMD_LOG_DIR, ATCMD_LOG_FILE); }
     void TearDown() override {
         for (int32_t *fd : {&g_uart_fd, &g_vuart_fd, &g_fifo_tx_fd}) {
-            if (*fd != -1) close(*fd);
+            if (*fd == -1) continue;  // untouched: the transmit thread may still read it
+            close(*fd);
             *fd = -1;
         }
     }
