@@ -112,4 +112,10 @@ ATCMD_EXPORTS_END
 /* Bounded form of getstr_fromCmdString for destinations smaller than a line buffer. */
 uint32_t atcmd_getstr_bounded(const char *line, char *out, size_t out_size);
 
+/* The production loop-back pattern that goes with sequence number `n` (odd "987654321", even
+ * "123456789"): send_ptest_data sends it and PTEST_parser expects it back. */
+inline const char *atcmd_ptest_pattern(uint32_t n) {
+    return (n & 1u) != 0 ? "987654321" : "123456789";
+}
+
 #endif /* ATCMD_ACCESSORY_ACCESSORY_H */
