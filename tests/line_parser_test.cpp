@@ -113,7 +113,7 @@ TEST_P(LineParserCases, QueuesExpectedRecords) {
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(Shapes, LineParserCases, ::testing::ValuesIn(kParseCases),
+INSTANTIATE_TEST_SUITE_P(LineParserShapes, LineParserCases, ::testing::ValuesIn(kParseCases),
                          [](const ::testing::TestParamInfo<ParseCase> &info) {
                              return std::string(info.param.name);
                          });

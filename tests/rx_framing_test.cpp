@@ -96,7 +96,7 @@ TEST_P(RxFramingCases, DeliversAndDrops) {
     EXPECT_LE(rx.fill, static_cast<size_t>(AT_RX_HOLD_MAX));
 }
 
-INSTANTIATE_TEST_SUITE_P(Reads, RxFramingCases, ::testing::ValuesIn(kFrameCases),
+INSTANTIATE_TEST_SUITE_P(RxFramingReads, RxFramingCases, ::testing::ValuesIn(kFrameCases),
                          [](const ::testing::TestParamInfo<FrameCase> &info) {
                              return std::string(info.param.name);
                          });
@@ -127,7 +127,7 @@ TEST_P(RxFramingStream, EveryLineArrivesOnceInOrder) {
     EXPECT_EQ(split_lines(seen.delivered), sent);
 }
 
-INSTANTIATE_TEST_SUITE_P(ReadSizes, RxFramingStream, ::testing::Values(1, 7, 64, 512));
+INSTANTIATE_TEST_SUITE_P(RxFramingReadSizes, RxFramingStream, ::testing::Values(1, 7, 64, 512));
 
 TEST(RxFraming, BadArgumentsChangeNothing) {
     at_rx_buffer rx = {};
