@@ -14,25 +14,17 @@ using namespace atcmd_test;
 
 namespace {
 
-constexpr char kMac[] = "11:22:33:44:55:66";
-
 struct QueryTest : ::testing::Test {
     void SetUp() override { log_file_init(ATCMD_LOG_DIR, ATCMD_LOG_FILE); }
     Sandbox sb;
 };
 
-std::vector<std::string> texts(const std::vector<QueuedLine> &lines) {
-    std::vector<std::string> out;
-    for (const QueuedLine &l : lines) out.push_back(l.text);
-    return out;
-}
-
 }  // namespace
 
 TEST_F(QueryTest, EachQueryQueuesItsLineAndRecord) {
-    struct Case {
+    const struct {
         void (*fn)();
-        const char *head;  // the line before the tail
+        const char *head;  // the line before the platform tail, or the whole fixed line
         uint8_t row;
     } cases[] = {
         {get_corvel_BATINFO, "AT+BAT?#9", 9},        {get_remote_bt_mac, "AT+BLEMAC?#8", 8},
@@ -40,15 +32,17 @@ TEST_F(QueryTest, EachQueryQueuesItsLineAndRecord) {
         {get_corvel_sn, "AT+SN?#13", 13},            {get_corvel_sid, "AT+SID?#14", 14},
         {get_corvel_type, "AT+TYPE?#15", 15},        {get_corvel_usbstate, "AT+USBSTATE?#16", 16},
         {get_corvel_screensts, "AT+SCREEN?#17", 17}, {get_corvel_micmode, "AT+MICMODE?#19", 19},
+        {get_corvel_castmode, "AT+MODE?#0&2\r\n", 28},  // fixed line, record still row 28
     };
     for (int32_t platform : {PLATFORM_VUART, PLATFORM_UART}) {
         bare_device(platform);
-        for (const Case &c : cases) {
+        for (const auto &c : cases) {
             c.fn();
             const auto lines = drain_tx_queue();
             ASSERT_EQ(lines.size(), 1u) << c.head;
+            const std::string tail = "&" + std::to_string(platform) + "\r\n";
+            EXPECT_EQ(lines[0].text, c.row == AT_MSG_MODE ? c.head : c.head + tail);
             const AtCmder_t &cmd = lines[0].cmd;
-            EXPECT_EQ(lines[0].text, std::string(c.head) + "&" + std::to_string(platform) + "\r\n");
             EXPECT_EQ(cmd.type, AT_TYPE_QUERY);
             EXPECT_EQ(cmd.source, AT_NODE_NONE);
             EXPECT_EQ(cmd.dest, AT_NODE_ACCESSORY);
@@ -57,60 +51,37 @@ TEST_F(QueryTest, EachQueryQueuesItsLineAndRecord) {
             EXPECT_EQ(cmd.seq_num, c.row) << c.head;
         }
     }
-}
-
-TEST_F(QueryTest, CastModeLineIsFixedWhileItsRecordSaysRow28) {
-    for (int32_t platform : {PLATFORM_VUART, PLATFORM_UART}) {
-        bare_device(platform);
-        get_corvel_castmode();
-        const auto lines = drain_tx_queue();
-        ASSERT_EQ(lines.size(), 1u);
-        EXPECT_EQ(lines[0].text, "AT+MODE?#0&2\r\n");
-        EXPECT_EQ(lines[0].cmd.cmd_id, AT_MSG_MODE);
-        EXPECT_EQ(lines[0].cmd.seq_num, AT_MSG_MODE);
-        EXPECT_EQ(lines[0].cmd.flag, platform);
-    }
-}
-
-TEST_F(QueryTest, InfoOnPlatform1AsksElevenQuestionsInOrder) {
-    sb.set_property("net.bluetooth.macaddr", kMac);
-    bare_device(PLATFORM_VUART);
-    EXPECT_EQ(get_corvel_info(), 0);
-    const std::vector<std::string> expected = {
-        "AT+TYPE?#15&1\r\n", "AT+BAT?#9&1\r\n",     "AT+BTMAC=11:22:33:44:55:66#7&1\r\n",
-        "AT+SN?#13&1\r\n",   "AT+SID?#14&1\r\n",    "AT+SCREEN?#17&1\r\n",
-        "AT+STATE?#10&1\r\n", "AT+USBSTATE?#16&1\r\n", "AT+BLEMAC?#8&1\r\n",
-        "AT+MICMODE?#19&1\r\n", "AT+VER?#11&1\r\n"};
-    EXPECT_EQ(texts(drain_tx_queue()), expected);
-    EXPECT_TRUE(sb.wait_log(" get corvel info."));
-}
-
-TEST_F(QueryTest, InfoOnPlatform2AsksEightQuestions) {
-    sb.set_property("net.bluetooth.macaddr", kMac);
-    bare_device(PLATFORM_UART);
-    get_corvel_info();
-    const std::vector<std::string> expected = {
-        "AT+TYPE?#15&2\r\n", "AT+BAT?#9&2\r\n",  "AT+BLEMAC=11:22:33:44:55:66#8&2\r\n",
-        "AT+SN?#13&2\r\n",   "AT+SID?#14&2\r\n", "AT+SCREEN?#17&2\r\n",
-        "AT+MICMODE?#19&2\r\n", "AT+VER?#11&2\r\n"};
-    EXPECT_EQ(texts(drain_tx_queue()), expected);
-}
-
-// Slow on purpose: the MAC property wait runs its full two seconds.
-TEST_F(QueryTest, InfoWithoutMacSkipsTheMacLine) {
-    bare_device(PLATFORM_UART);
-    get_corvel_info();
-    const std::vector<std::string> expected = {
-        "AT+TYPE?#15&2\r\n", "AT+BAT?#9&2\r\n",     "AT+SN?#13&2\r\n", "AT+SID?#14&2\r\n",
-        "AT+SCREEN?#17&2\r\n", "AT+MICMODE?#19&2\r\n", "AT+VER?#11&2\r\n"};
-    EXPECT_EQ(texts(drain_tx_queue()), expected);
-    EXPECT_TRUE(sb.wait_log("Can not get Corvel BTMAC net.bluetooth.macaddr."));
-}
-
-TEST_F(QueryTest, NoDeviceQueuesNothing) {
-    g_patcmd_dev = nullptr;
+    g_patcmd_dev = nullptr;  // no device: nothing queued
     get_corvel_sn();
-    get_corvel_castmode();
     EXPECT_TRUE(drain_tx_queue().empty());
-    EXPECT_TRUE(sb.wait_log("no device, query AT+SN?# dropped"));
+}
+
+// The last case is slow on purpose: the MAC property wait runs its full two seconds.
+TEST_F(QueryTest, InfoAsksInOrderByPlatformAndMac) {
+    const struct {
+        int32_t platform;
+        const char *mac;
+        std::vector<std::string> lines;
+    } cases[] = {
+        {PLATFORM_VUART, "11:22:33:44:55:66",
+         {"AT+TYPE?#15&1\r\n", "AT+BAT?#9&1\r\n", "AT+BTMAC=11:22:33:44:55:66#7&1\r\n",
+          "AT+SN?#13&1\r\n", "AT+SID?#14&1\r\n", "AT+SCREEN?#17&1\r\n", "AT+STATE?#10&1\r\n",
+          "AT+USBSTATE?#16&1\r\n", "AT+BLEMAC?#8&1\r\n", "AT+MICMODE?#19&1\r\n", "AT+VER?#11&1\r\n"}},
+        {PLATFORM_UART, "11:22:33:44:55:66",
+         {"AT+TYPE?#15&2\r\n", "AT+BAT?#9&2\r\n", "AT+BLEMAC=11:22:33:44:55:66#8&2\r\n",
+          "AT+SN?#13&2\r\n", "AT+SID?#14&2\r\n", "AT+SCREEN?#17&2\r\n", "AT+MICMODE?#19&2\r\n",
+          "AT+VER?#11&2\r\n"}},
+        {PLATFORM_UART, "",
+         {"AT+TYPE?#15&2\r\n", "AT+BAT?#9&2\r\n", "AT+SN?#13&2\r\n", "AT+SID?#14&2\r\n",
+          "AT+SCREEN?#17&2\r\n", "AT+MICMODE?#19&2\r\n", "AT+VER?#11&2\r\n"}},
+    };
+    for (const auto &c : cases) {
+        sb.set_property("net.bluetooth.macaddr", c.mac);
+        bare_device(c.platform);
+        EXPECT_EQ(get_corvel_info(), 0);
+        std::vector<std::string> texts;
+        for (const QueuedLine &l : drain_tx_queue()) texts.push_back(l.text);
+        EXPECT_EQ(texts, c.lines) << c.platform << " " << c.mac;
+    }
+    EXPECT_TRUE(sb.wait_log("Can not get Corvel BTMAC net.bluetooth.macaddr."));
 }
