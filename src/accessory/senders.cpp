@@ -30,8 +30,6 @@ constexpr size_t kWifiVerSlot = 3;             // the Wi-Fi module's version in 
 constexpr std::array<size_t, CORVEL_VER_ITEMS> kVerSlotOffsets = CORVEL_VER_SLOT_OFFSETS;
 constexpr std::array<size_t, CORVEL_VER_ITEMS> kVerSlotSizes = CORVEL_VER_SLOT_SIZES;
 constexpr size_t kWifiVerSlotSize = kVerSlotSizes[kWifiVerSlot];
-constexpr char kPtestOddPattern[] = "987654321";
-constexpr char kPtestEvenPattern[] = "123456789";
 
 // State words by number, shared with what getstate_fromCmdString reads back; 7 (INIT) is only
 // ever received, so it and every other number send no word.
@@ -158,7 +156,6 @@ void send_amlogic_ver(void) {
 void send_ptest_data(uint32_t n) {
     if (current_platform() != PLATFORM_UART) return;
     char text[AT_LINE_BUF_SIZE] = {};
-    snprintf(text, sizeof text, "AT+PTEST=%s#%u&%d\r\n",
-             (n & 1u) != 0 ? kPtestOddPattern : kPtestEvenPattern, n, PLATFORM_UART);
+    snprintf(text, sizeof text, "AT+PTEST=%s#%u&%d\r\n", atcmd_ptest_pattern(n), n, PLATFORM_UART);
     queue_line({0, AT_NODE_ACCESSORY, 0, 0, 0}, text);
 }
