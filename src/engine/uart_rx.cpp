@@ -21,6 +21,9 @@ pthread_t g_uartRx_thread = 0;
 namespace {
 
 constexpr int32_t kWaitForever = -1;
+// With no line open there is nothing to read; instead of spinning through open attempts (and
+// flooding the log and the upper layer with reports) the loop waits this long between them.
+constexpr useconds_t kClosedLineRetryUs = 200000;
 
 struct UartLine {
     AtCmder_t cmd;
@@ -44,7 +47,10 @@ void too_long(void * /*ctx*/, const char *held) {
 // instead of being handed to UART_Recv, whose select would end the process on it.
 int read_uart(struct at_rx_buffer *rx) {
     const int32_t fd = g_uart_fd;
-    if (fd < 0 || fd >= FD_SETSIZE) return -1;
+    if (fd < 0 || fd >= FD_SETSIZE) {
+        usleep(kClosedLineRetryUs);
+        return -1;
+    }
     return UART_Recv(fd, rx->data + rx->fill, at_rx_room(rx), kWaitForever);
 }
 
