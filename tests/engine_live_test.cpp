@@ -11,6 +11,8 @@
 #include <sys/time.h>
 #include <unistd.h>
 
+#include <new>
+
 #include "hal/hal.h"
 #include "log/atcmd_log.h"
 #include "serial/serial.h"
@@ -21,6 +23,13 @@
 using namespace atcmd_test;
 
 namespace {
+
+// The accessory's pty lives in static storage and is never destroyed: the receive thread
+// outlives the test and must not see the line die while the process exits. One per process.
+Pty &kept_open_pty() {
+    alignas(Pty) static unsigned char storage[sizeof(Pty)];
+    return *new (storage) Pty;
+}
 
 long wall_us() {
     struct timeval tv;
@@ -91,9 +100,7 @@ protected:
     }
 
     Sandbox sb;
-    // Never closed: the receive thread outlives the test and must not see the line die while
-    // the process exits.
-    Pty &accessory = *new Pty;
+    Pty &accessory = kept_open_pty();
     atcmdprocess_device_t *dev = nullptr;
 };
 
