@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "engine/engine.h"
@@ -148,6 +149,47 @@ TEST(LineParser, NullArgumentsAreDroppedWithoutQueueing) {
     cmd.data = line;
     cmd_Parse_from_buffer(&cmd, nullptr);
     EXPECT_TRUE(drain_queue(&Rx_head, &g_rxqueue_mutex).empty());
+}
+
+// The receive threads parse at the same time, each with its own record; every line must reach
+// the queue once with the numbers of its own buffer.
+TEST(LineParser, ConcurrentCallersKeepTheirOwnState) {
+    Sandbox sb;
+    bare_device(PLATFORM_VUART);
+    constexpr int kThreads = 4;
+    constexpr int kBuffers = 200;
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; ++t) {
+        threads.emplace_back([t] {
+            char line[AT_LINE_BUF_SIZE];
+            AtCmder_t cmd = {};
+            cmd.source = static_cast<uint8_t>(t);
+            cmd.data = line;
+            for (int i = 0; i < kBuffers; ++i) {
+                const std::string text = "+VER=" + std::to_string(t) + "#" +
+                                         std::to_string(t * 1000 + i) + "&1\r\n+OK\r\n";
+                cmd_Parse_from_buffer(&cmd, text.c_str());
+            }
+        });
+    }
+    for (std::thread &th : threads) th.join();
+
+    const auto got = drain_queue(&Rx_head, &g_rxqueue_mutex);
+    ASSERT_EQ(got.size(), static_cast<size_t>(kThreads * kBuffers * 2));
+    std::vector<int> next(kThreads, 0);  // per source, the buffers arrive in order
+    for (size_t i = 0; i < got.size(); ++i) {
+        const AtCmder_t &c = got[i].cmd;
+        ASSERT_LT(c.source, kThreads);
+        const int expected_seq = c.source * 1000 + next[c.source] / 2;
+        EXPECT_EQ(c.seq_num, expected_seq);
+        if (next[c.source] % 2 == 0) {
+            EXPECT_EQ(got[i].text, "+VER=" + std::to_string(c.source) + "#" +
+                                       std::to_string(expected_seq) + "&1\r\n");
+        } else {
+            EXPECT_EQ(got[i].text, "+OK\r\n");  // carries the seq_num of the line before it
+        }
+        ++next[c.source];
+    }
 }
 
 TEST(KeywordLookup, ExactAndPrefixRules) {
