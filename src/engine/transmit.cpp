@@ -27,27 +27,34 @@ namespace {
 constexpr int32_t kAny = INT32_MIN;
 constexpr uint8_t kLastWatchedRow = AT_MSG_WIFICON;  // "+REBOOT" up to "+WIFICON"
 
-uint32_t send_uart(const char *text) {
-    if (g_uart_fd == -1) {
-        ATCMD_LOG(0, "uart is not open");
-        return ATCMDER_TX_UART_CLOSED;
+// The two wired links differ only in their descriptor, send routine and texts.
+struct WiredLink {
+    const int32_t *fd;
+    int (*send)(int32_t fd, const char *buf, size_t len);
+    uint32_t closed_status;
+    const char *not_open;     // error line when the descriptor is -1
+    const char *sent_format;  // with the length (%zu) and the text (%s)
+};
+
+constexpr WiredLink kUart = {&g_uart_fd, UART_Send, ATCMDER_TX_UART_CLOSED, "uart is not open",
+                             "uart successfully send cmd data len %zu, data is %s"};
+constexpr WiredLink kVuart = {&g_vuart_fd, VUART_Send, ATCMDER_TX_VUART_CLOSED, "Vuart is not open",
+                              "Vuart successfully send cmd len is %zu, data is %s"};
+
+uint32_t send_wired(const WiredLink &link, const char *text) {
+    const int32_t fd = *link.fd;
+    if (fd == -1) {
+        ATCMD_LOG(0, "%s", link.not_open);
+        return link.closed_status;
     }
     const size_t len = strlen(text);
-    UART_Send(g_uart_fd, text, len);  // a failed send is left to the time-out and resend
-    ATCMD_LOG(4, "uart successfully send cmd data len %zu, data is %s", len, text);
+    link.send(fd, text, len);  // a failed send is left to the time-out and resend
+    ATCMD_LOG(4, link.sent_format, len, text);
     return ATCMDER_TX_OK;
 }
 
-uint32_t send_vuart(const char *text) {
-    if (g_vuart_fd == -1) {
-        ATCMD_LOG(0, "Vuart is not open");
-        return ATCMDER_TX_VUART_CLOSED;
-    }
-    const size_t len = strlen(text);
-    VUART_Send(g_vuart_fd, text, len);  // a failed send is left to the time-out and resend
-    ATCMD_LOG(4, "Vuart successfully send cmd len is %zu, data is %s", len, text);
-    return ATCMDER_TX_OK;
-}
+uint32_t send_uart(const char *text) { return send_wired(kUart, text); }
+uint32_t send_vuart(const char *text) { return send_wired(kVuart, text); }
 
 // One plain write of the whole text; a short write counts as a failure and is not continued.
 bool write_fifo(const char *text) {
