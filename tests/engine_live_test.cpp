@@ -227,6 +227,16 @@ TEST_F(EngineLiveTest, SplitAndJoinedLinesReachTheDispatcherInOrder) {
               std::string::npos);
 }
 
+TEST_F(EngineLiveTest, OverlongDataWithoutLineEndIsDroppedAndTheNextLineStillArrives) {
+    use_uart();
+    accessory.write(std::string(600, 'x'));
+    ASSERT_TRUE(sb.wait_log("Uart receive data length is too long, skip it, receive data is xxxx"));
+    accessory.write("+STARTUP#7&2\r\n");
+    ASSERT_TRUE(dispatched("+STARTUP#7&2"));
+    EXPECT_NE(sb.log_text().find("Uart rcv data length is 14, receive data is +STARTUP#7&2"),
+              std::string::npos);
+}
+
 TEST_F(EngineLiveTest, VanishedUartIsReportedAndPickedUpWhenItReturns) {
     int master = -1, slave = -1;
     ASSERT_EQ(openpty(&master, &slave, nullptr, nullptr, nullptr), 0);
