@@ -116,10 +116,10 @@ struct Parse {
     AtCmder_t *cmd;
     const char *text;
     size_t len;
-    size_t pos = 0;      // next character of `text`
+    size_t pos = 0;       // next character of `text`
     size_t line_len = 0;  // characters stored in cmd->data
-    size_t hash_at = 0;  // where "#" was stored
-    size_t amp_at = 0;   // where "&" was stored
+    size_t hash_at = 0;   // where "#" was stored
+    size_t amp_at = 0;    // where "&" was stored
     State state = State::Start;
 };
 
