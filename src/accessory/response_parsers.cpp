@@ -116,22 +116,25 @@ using Action = void (*)();
 
 struct ValueRow {
     uint8_t msg_id;
-    const char *parser;      // the function's own name
-    const char *entry_name;  // the name its first log gives
+    const char *entry_name;  // the name the first log gives, when not the parser's own
     uint8_t dest;            // written into the record first, or kKeepDest
     bool idle_on_uart;       // on platform 2 the line is left alone
-    const char *value_log;   // reads (long value, int cmdIDX, int seq num) in that order; or null
-    const char *invalid;     // logged when there is no value
     uint32_t invalid_status;
     Relay relay;
-    Action after;  // after the notice, or null
+    Action after;            // after the notice, or null
+    const char *value_log;   // reads (long value, int cmdIDX, int seq num) in that order; or null
+    const char *invalid;     // logged when there is no value
 };
 
-uint32_t parse_value(const ValueRow &row, AtCmder_t *cmd) {
-    if (!usable(cmd, row.parser)) return row.invalid_status;
+const char *entry_name_of(const char *override_name, const char *parser) {
+    return override_name != nullptr ? override_name : parser;
+}
+
+uint32_t parse_value(const ValueRow &row, AtCmder_t *cmd, const char *parser) {
+    if (!usable(cmd, parser)) return row.invalid_status;
     if (row.dest != kKeepDest) cmd->dest = row.dest;
     if (row.idle_on_uart && link_state().platform == PLATFORM_UART) return kParsed;
-    log_entry(row.entry_name, cmd);
+    log_entry(entry_name_of(row.entry_name, parser), cmd);
     int32_t value = 0;
     if (getvalue_fromCmdString(cmd->data, &value) != ATCMD_EXTRACT_OK) {
         ATCMD_LOG(0, "%s", row.invalid);
@@ -156,31 +159,38 @@ void usb_link_lost() {
     notify_usbevent();
 }
 
+constexpr uint8_t kToP2 = AT_NODE_PLATFORM2;
+
+// The texts are the log vocabulary as it stands, including POWEROFF's first log under RESET's
+// name and the three rows that share "Invalid BT cmd!".
 // clang-format off
-constexpr ValueRow kReboot   = {AT_MSG_REBOOT,   "REBOOT_parser",   "REBOOT_parser",   kKeepDest,         false,
-    "REBOOT_parser state is %ld, cmdIDX is %d",                 "Invalid  reboot cmd!",           kNoValue, kNoRelay, nullptr};
-constexpr ValueRow kPoweroff = {AT_MSG_POWEROFF, "POWEROFF_parser", "RESET_parser",    kKeepDest,         false,
-    "corvel reset value is %ld, cmdIDX is %d",                  "Invalid POWEROFF cmd!",          kParsed,  kNoRelay, usb_link_lost};
-constexpr ValueRow kReset    = {AT_MSG_RESET,    "RESET_parser",    "RESET_parser",    kKeepDest,         false,
-    "corvel reset value is %ld, cmdIDX is %d",                  "Invalid reset cmd!",             kParsed,  kNoRelay, nullptr};
-constexpr ValueRow kScreen   = {AT_MSG_SCREEN,   "SCREEN_parser",   "SCREEN_parser",   kKeepDest,         false,
-    "corvel screen value is %ld, cmdIDX is %d",                 "Invalid SCREEN cmd!",            kParsed,  kRelay,   nullptr};
-constexpr ValueRow kMicmode  = {AT_MSG_MICMODE,  "MICMODE_parser",  "MICMODE_parser",  kKeepDest,         false,
-    "micmode value is %ld, cmdIDX is %d",                       "Invalid micmode cmd!",           kParsed,  kNoRelay, nullptr};
-constexpr ValueRow kWifi     = {AT_MSG_WIFI,     "WIFI_parser",     "WIFI_parser",     kKeepDest,         true,
-    "WIFI value is %ld, cmdIDX is %d",                          "Invalid WIFI cmd!",              kParsed,  kNoRelay, nullptr};
-constexpr ValueRow kBt       = {AT_MSG_BT,       "BT_parser",       "BT_parser",       AT_NODE_PLATFORM2, true,
-    "BT value is %ld, cmdIDX is %d",                            "Invalid BT cmd!",                kParsed,  kNoRelay, nullptr};
-constexpr ValueRow kError    = {AT_MSG_ERROR,    "ERROR_parser",    "ERROR_parser",    kKeepDest,         false,
-    "ERROR_parser state is %ld, cmdIDX is %d",                  "Invalid  error cmd!",            kNoValue, kRelay,   nullptr};
-constexpr ValueRow kBkl      = {AT_MSG_BKL,      "BKL_parser",      "BKL_parser",      kKeepDest,         false,
-    "BKL_parser backlight is %ld, cmdIDX is %d, seq num is %d", "Invalid backlight information!", kParsed,  kNoRelay, nullptr};
-constexpr ValueRow kMode     = {AT_MSG_MODE,     "MODE_parser",     "MODE_parser",     AT_NODE_PLATFORM2, false,
-    "Mode value is %ld, cmdIDX is %d",                          "Invalid BT cmd!",                kParsed,  kNoRelay, nullptr};
-constexpr ValueRow kLight    = {AT_MSG_LIGHT,    "LIGHT_parser",    "LIGHT_parser",    AT_NODE_PLATFORM2, false,
-    "Light value is %ld, cmdIDX is %d",                         "Invalid BT cmd!",                kParsed,  kNoRelay, nullptr};
-constexpr ValueRow kTest     = {AT_MSG_TEST,     "TEST_parser",     "TEST_parser",     AT_NODE_PLATFORM2, false,
-    nullptr,                                                    "Invalid Test cmd!",              kParsed,  kNoRelay, nullptr};
+//                                row              first log as    dest       idle on 2, status
+//  relay     after the notice   value log                                   failure text
+constexpr ValueRow kReboot   = {AT_MSG_REBOOT,   nullptr,        kKeepDest, false, kNoValue,
+    kNoRelay, nullptr,       "REBOOT_parser state is %ld, cmdIDX is %d", "Invalid  reboot cmd!"};
+constexpr ValueRow kPoweroff = {AT_MSG_POWEROFF, "RESET_parser", kKeepDest, false, kParsed,
+    kNoRelay, usb_link_lost, "corvel reset value is %ld, cmdIDX is %d", "Invalid POWEROFF cmd!"};
+constexpr ValueRow kReset    = {AT_MSG_RESET,    nullptr,        kKeepDest, false, kParsed,
+    kNoRelay, nullptr,       "corvel reset value is %ld, cmdIDX is %d", "Invalid reset cmd!"};
+constexpr ValueRow kScreen   = {AT_MSG_SCREEN,   nullptr,        kKeepDest, false, kParsed,
+    kRelay,   nullptr,       "corvel screen value is %ld, cmdIDX is %d", "Invalid SCREEN cmd!"};
+constexpr ValueRow kMicmode  = {AT_MSG_MICMODE,  nullptr,        kKeepDest, false, kParsed,
+    kNoRelay, nullptr,       "micmode value is %ld, cmdIDX is %d", "Invalid micmode cmd!"};
+constexpr ValueRow kWifi     = {AT_MSG_WIFI,     nullptr,        kKeepDest, true,  kParsed,
+    kNoRelay, nullptr,       "WIFI value is %ld, cmdIDX is %d", "Invalid WIFI cmd!"};
+constexpr ValueRow kBt       = {AT_MSG_BT,       nullptr,        kToP2,     true,  kParsed,
+    kNoRelay, nullptr,       "BT value is %ld, cmdIDX is %d", "Invalid BT cmd!"};
+constexpr ValueRow kError    = {AT_MSG_ERROR,    nullptr,        kKeepDest, false, kNoValue,
+    kRelay,   nullptr,       "ERROR_parser state is %ld, cmdIDX is %d", "Invalid  error cmd!"};
+constexpr ValueRow kBkl      = {AT_MSG_BKL,      nullptr,        kKeepDest, false, kParsed,
+    kNoRelay, nullptr,       "BKL_parser backlight is %ld, cmdIDX is %d, seq num is %d",
+    "Invalid backlight information!"};
+constexpr ValueRow kMode     = {AT_MSG_MODE,     nullptr,        kToP2,     false, kParsed,
+    kNoRelay, nullptr,       "Mode value is %ld, cmdIDX is %d", "Invalid BT cmd!"};
+constexpr ValueRow kLight    = {AT_MSG_LIGHT,    nullptr,        kToP2,     false, kParsed,
+    kNoRelay, nullptr,       "Light value is %ld, cmdIDX is %d", "Invalid BT cmd!"};
+constexpr ValueRow kTest     = {AT_MSG_TEST,     nullptr,        kToP2,     false, kParsed,
+    kNoRelay, nullptr,       nullptr, "Invalid Test cmd!"};
 // clang-format on
 
 // ---- Rows with a list of integers -------------------------------------------------------------
@@ -189,16 +199,15 @@ using NumbersFn = uint32_t (*)(const char *line, int32_t *values);
 
 struct NumbersRow {
     uint8_t msg_id;
-    const char *parser;
     NumbersFn extract;
+    Relay relay;
     const char *value_log;  // reads up to six ints, the list in order
     const char *invalid;
-    Relay relay;
 };
 
-uint32_t parse_numbers(const NumbersRow &row, AtCmder_t *cmd) {
-    if (!usable(cmd, row.parser)) return kParsed;
-    log_entry(row.parser, cmd);
+uint32_t parse_numbers(const NumbersRow &row, AtCmder_t *cmd, const char *parser) {
+    if (!usable(cmd, parser)) return kParsed;
+    log_entry(parser, cmd);
     std::array<int32_t, kMaxNumbers> v = {};
     if (row.extract(cmd->data, v.data()) != ATCMD_EXTRACT_OK) {
         ATCMD_LOG(0, "%s", row.invalid);
@@ -211,19 +220,21 @@ uint32_t parse_numbers(const NumbersRow &row, AtCmder_t *cmd) {
 }
 
 // The BAT, BATCG and HRM failure texts are the ones the log vocabulary has always used.
+constexpr const char kBatLog[] = "batinfo: %d, %d, %d, %d, %d, %d";
+constexpr const char kHallLog[] = "hallInfo: %d, %d, %d";
 // clang-format off
-constexpr NumbersRow kBat    = {AT_MSG_BAT,    "BAT_parser",      getBatinfo_fromCmdString,
-    "batinfo: %d, %d, %d, %d, %d, %d", "Invalid BT MAC info!", {true, AT_MSG_BAT}};
-constexpr NumbersRow kHall   = {AT_MSG_HALL,   "HALL_parser",     getHALLinfo_fromCmdString,
-    "hallInfo: %d, %d, %d",            "Invalid hallInfo!",    kNoRelay};
-constexpr NumbersRow kBatcg  = {AT_MSG_BATCG,  "BATCG_parser",    getBatinfo_fromCmdString,
-    "batinfo: %d, %d, %d, %d, %d, %d", "Invalid BT MAC info!", {true, AT_MSG_BATCG}};
-constexpr NumbersRow kAcc    = {AT_MSG_ACC,    "ACC_parser",      getACCinfo_fromCmdString,
-    "Accinfo: %d, %d, %d",             "Invalid AccInfo!",     kNoRelay};
-constexpr NumbersRow kHallcg = {AT_MSG_HALLCG, "HALLCG_parser",   getHALLinfo_fromCmdString,
-    "hallInfo: %d, %d, %d",            "Invalid hallInfo!",    kRelay};
-constexpr NumbersRow kHrm    = {AT_MSG_HRM,    "HRM_TEMP_parser", getTmpinfo_fromCmdString,
-    "Board temperature info: %d, %d",  "Invalid hallInfo!",    kRelay};
+constexpr NumbersRow kBat    = {AT_MSG_BAT,    getBatinfo_fromCmdString,  {true, AT_MSG_BAT},
+                                kBatLog, "Invalid BT MAC info!"};
+constexpr NumbersRow kHall   = {AT_MSG_HALL,   getHALLinfo_fromCmdString, kNoRelay,
+                                kHallLog, "Invalid hallInfo!"};
+constexpr NumbersRow kBatcg  = {AT_MSG_BATCG,  getBatinfo_fromCmdString,  {true, AT_MSG_BATCG},
+                                kBatLog, "Invalid BT MAC info!"};
+constexpr NumbersRow kAcc    = {AT_MSG_ACC,    getACCinfo_fromCmdString,  kNoRelay,
+                                "Accinfo: %d, %d, %d", "Invalid AccInfo!"};
+constexpr NumbersRow kHallcg = {AT_MSG_HALLCG, getHALLinfo_fromCmdString, kRelay,
+                                kHallLog, "Invalid hallInfo!"};
+constexpr NumbersRow kHrm    = {AT_MSG_HRM,    getTmpinfo_fromCmdString,  kRelay,
+                                "Board temperature info: %d, %d", "Invalid hallInfo!"};
 // clang-format on
 
 // ---- Rows with a text kept in the accessory record ------------------------------------------
@@ -237,15 +248,14 @@ enum class TextLog : uint8_t {
 
 struct RecordTextRow {
     uint8_t msg_id;
-    const char *parser;
     bool entry_log;           // false: the value log is the parser's only entry log
     DevInfoText field;        // cleared first, then filled
     Action answer;            // the sender that answers the accessory's query, or null
     int32_t notify_platform;  // notify only on this platform; 0 on every platform
-    const char *value_log;
-    TextLog log_form;
-    const char *invalid;
     Action after;
+    TextLog log_form;
+    const char *value_log;
+    const char *invalid;
 };
 
 void log_text_value(const RecordTextRow &row, const AtCmder_t *cmd, const char *text) {
@@ -257,9 +267,9 @@ void log_text_value(const RecordTextRow &row, const AtCmder_t *cmd, const char *
     }
 }
 
-uint32_t parse_record_text(const RecordTextRow &row, AtCmder_t *cmd) {
-    if (!usable(cmd, row.parser)) return kParsed;
-    if (row.entry_log) log_entry(row.parser, cmd);
+uint32_t parse_record_text(const RecordTextRow &row, AtCmder_t *cmd, const char *parser) {
+    if (!usable(cmd, parser)) return kParsed;
+    if (row.entry_log) log_entry(parser, cmd);
     char(&field)[32] = g_corvel_devInfo.*row.field;
     memset(field, 0, sizeof field);
     if (row.answer != nullptr && accessory_asks(cmd)) {
@@ -297,17 +307,24 @@ void decide_model() {
     ATCMD_LOG(kValueLevel, "TYPE_parser g_corvel_devInfo.model is %d", model);
 }
 
+// BTMAC and BLEMAC fill the same field; the MAC is told upward only on its own platform.
+constexpr auto kMac = &corvel_devInfo_t::bt_mac;
+constexpr TextLog kShort = TextLog::Short, kWithEntry = TextLog::WithEntry;
 // clang-format off
-constexpr RecordTextRow kBtmac  = {AT_MSG_BTMAC,  "BTMAC_parser",  true,  &corvel_devInfo_t::bt_mac, send_bt_mac, PLATFORM_UART,
-    "BTMAC is %s, cmdIDX is %d",                                   TextLog::Short,     "Invalid BT MAC info!", nullptr};
-constexpr RecordTextRow kBlemac = {AT_MSG_BLEMAC, "BLEMAC_parser", true,  &corvel_devInfo_t::bt_mac, send_bt_mac, PLATFORM_VUART,
-    "BLEMAC is %s, cmdIDX is %d",                                  TextLog::Short,     "Invalid BT MAC info!", nullptr};
-constexpr RecordTextRow kSn     = {AT_MSG_SN,     "SN_parser",     false, &corvel_devInfo_t::sn,     nullptr,     0,
-    "SN_parser source is %u, idx is %u data is %s, corvel_sn is %s", TextLog::WithEntry, "Invalid SN Info!",   nullptr};
-constexpr RecordTextRow kSid    = {AT_MSG_SID,    "SID_parser",    true,  &corvel_devInfo_t::sid,    nullptr,     0,
-    "SID_parser source is %u, idx is %u data is %s, sid is %s",     TextLog::WithEntry, "Invalid SID Info!",   nullptr};
-constexpr RecordTextRow kType   = {AT_MSG_TYPE,   "TYPE_parser",   true,  &corvel_devInfo_t::type,   nullptr,     0,
-    "TYPE_parser source is %u, idx is %u data is %s, type is %s",   TextLog::WithEntry, "Invalid TYPE Info!",  decide_model};
+//                                 row            entry  field                    query answer
+constexpr RecordTextRow kBtmac  = {AT_MSG_BTMAC,  true,  kMac,                    send_bt_mac,
+    PLATFORM_UART,  nullptr,      kShort,     "BTMAC is %s, cmdIDX is %d", "Invalid BT MAC info!"};
+constexpr RecordTextRow kBlemac = {AT_MSG_BLEMAC, true,  kMac,                    send_bt_mac,
+    PLATFORM_VUART, nullptr,      kShort,     "BLEMAC is %s, cmdIDX is %d", "Invalid BT MAC info!"};
+constexpr RecordTextRow kSn     = {AT_MSG_SN,     false, &corvel_devInfo_t::sn,   nullptr,
+    0,              nullptr,      kWithEntry, "SN_parser source is %u, idx is %u data is %s, "
+                                              "corvel_sn is %s", "Invalid SN Info!"};
+constexpr RecordTextRow kSid    = {AT_MSG_SID,    true,  &corvel_devInfo_t::sid,  nullptr,
+    0,              nullptr,      kWithEntry, "SID_parser source is %u, idx is %u data is %s, "
+                                              "sid is %s", "Invalid SID Info!"};
+constexpr RecordTextRow kType   = {AT_MSG_TYPE,   true,  &corvel_devInfo_t::type, nullptr,
+    0,              decide_model, kWithEntry, "TYPE_parser source is %u, idx is %u data is %s, "
+                                              "type is %s", "Invalid TYPE Info!"};
 // clang-format on
 
 // ---- Rows with a text that lives only for the notice ------------------------------------------
@@ -316,15 +333,14 @@ using TextCheck = void (*)(const AtCmder_t *cmd, const char *text);
 
 struct LocalTextRow {
     uint8_t msg_id;
-    const char *parser;
     bool notify;
     const char *invalid;
     TextCheck check;  // run on the text instead of or after the notice, or null
 };
 
-uint32_t parse_local_text(const LocalTextRow &row, AtCmder_t *cmd) {
-    if (!usable(cmd, row.parser)) return kParsed;
-    log_entry(row.parser, cmd);
+uint32_t parse_local_text(const LocalTextRow &row, AtCmder_t *cmd, const char *parser) {
+    if (!usable(cmd, parser)) return kParsed;
+    log_entry(parser, cmd);
     char text[AT_LINE_BUF_SIZE] = {};
     if (atcmd_getstr_bounded(cmd->data, text, sizeof text) != ATCMD_EXTRACT_OK) {
         ATCMD_LOG(0, "%s", row.invalid);
@@ -345,25 +361,25 @@ void check_loopback(const AtCmder_t *cmd, const char *text) {
     }
 }
 
-constexpr LocalTextRow kDtr = {AT_MSG_DTR, "DTR_parser", true, "Invalid DTR data!", nullptr};
-constexpr LocalTextRow kPtest = {AT_MSG_PTEST, "PTEST_parser", false, "Invalid PTEST_parser cmd!",
-                                 check_loopback};
-constexpr LocalTextRow kMmi1 = {AT_MSG_MMI1, "MMI1_parser", true, "Invalid MMI1 data!", nullptr};
-constexpr LocalTextRow kPt = {AT_MSG_PT, "PT_parser", true, "Invalid PT data!", nullptr};
+// clang-format off
+constexpr LocalTextRow kDtr   = {AT_MSG_DTR,   true,  "Invalid DTR data!",         nullptr};
+constexpr LocalTextRow kPtest = {AT_MSG_PTEST, false, "Invalid PTEST_parser cmd!", check_loopback};
+constexpr LocalTextRow kMmi1  = {AT_MSG_MMI1,  true,  "Invalid MMI1 data!",        nullptr};
+constexpr LocalTextRow kPt    = {AT_MSG_PT,    true,  "Invalid PT data!",          nullptr};
+// clang-format on
 
 // ---- Rows that only announce (no value) --------------------------------------------------------
 
 struct NoticeRow {
     uint8_t msg_id;
-    const char *parser;
-    const char *entry_name;
+    const char *entry_name;  // when not the parser's own
     Action after;
 };
 
 // The line goes to the platform-2 side; the upper layer is told with no data.
-uint32_t parse_notice(const NoticeRow &row, AtCmder_t *cmd) {
-    if (!usable(cmd, row.parser)) return kParsed;
-    log_entry(row.entry_name, cmd);
+uint32_t parse_notice(const NoticeRow &row, AtCmder_t *cmd, const char *parser) {
+    if (!usable(cmd, parser)) return kParsed;
+    log_entry(entry_name_of(row.entry_name, parser), cmd);
     cmd->dest = AT_NODE_PLATFORM2;
     notify_up(row.msg_id, cmd, nullptr);
     if (row.after != nullptr) row.after();
@@ -383,11 +399,10 @@ void power_off_phone() {
     property_set(kPowerctlProp, kPowerctlShutdown);
 }
 
-constexpr NoticeRow kUpgrade = {AT_MSG_UPGRADE, "UPGRADE_parser", "RECOVERY_parser", nullptr};
-constexpr NoticeRow kRecovery = {AT_MSG_RECOVERY, "RECOVERY_parser", "RECOVERY_parser",
-                                 set_recovery_flag};
-constexpr NoticeRow kShutdown = {AT_MSG_SHUTDOWN, "SHUTDOWN_parser", "SHUTDOWN_parser",
-                                 power_off_phone};
+// UPGRADE's first log has always carried RECOVERY's name.
+constexpr NoticeRow kUpgrade = {AT_MSG_UPGRADE, "RECOVERY_parser", nullptr};
+constexpr NoticeRow kRecovery = {AT_MSG_RECOVERY, nullptr, set_recovery_flag};
+constexpr NoticeRow kShutdown = {AT_MSG_SHUTDOWN, nullptr, power_off_phone};
 
 // ---- Rows that are only logged -----------------------------------------------------------------
 
@@ -407,15 +422,15 @@ int32_t cast_mode(int32_t connected, int32_t wifi_status) {
 
 }  // namespace
 
-uint32_t REBOOT_parser(AtCmder_t *cmd) { return parse_value(kReboot, cmd); }
-uint32_t UPGRADE_parser(AtCmder_t *cmd) { return parse_notice(kUpgrade, cmd); }
-uint32_t RECOVERY_parser(AtCmder_t *cmd) { return parse_notice(kRecovery, cmd); }
-uint32_t SHUTDOWN_parser(AtCmder_t *cmd) { return parse_notice(kShutdown, cmd); }
-uint32_t POWEROFF_parser(AtCmder_t *cmd) { return parse_value(kPoweroff, cmd); }
-uint32_t RESET_parser(AtCmder_t *cmd) { return parse_value(kReset, cmd); }
-uint32_t BTMAC_parser(AtCmder_t *cmd) { return parse_record_text(kBtmac, cmd); }
-uint32_t BLEMAC_parser(AtCmder_t *cmd) { return parse_record_text(kBlemac, cmd); }
-uint32_t BAT_parser(AtCmder_t *cmd) { return parse_numbers(kBat, cmd); }
+uint32_t REBOOT_parser(AtCmder_t *cmd) { return parse_value(kReboot, cmd, __func__); }
+uint32_t UPGRADE_parser(AtCmder_t *cmd) { return parse_notice(kUpgrade, cmd, __func__); }
+uint32_t RECOVERY_parser(AtCmder_t *cmd) { return parse_notice(kRecovery, cmd, __func__); }
+uint32_t SHUTDOWN_parser(AtCmder_t *cmd) { return parse_notice(kShutdown, cmd, __func__); }
+uint32_t POWEROFF_parser(AtCmder_t *cmd) { return parse_value(kPoweroff, cmd, __func__); }
+uint32_t RESET_parser(AtCmder_t *cmd) { return parse_value(kReset, cmd, __func__); }
+uint32_t BTMAC_parser(AtCmder_t *cmd) { return parse_record_text(kBtmac, cmd, __func__); }
+uint32_t BLEMAC_parser(AtCmder_t *cmd) { return parse_record_text(kBlemac, cmd, __func__); }
+uint32_t BAT_parser(AtCmder_t *cmd) { return parse_numbers(kBat, cmd, __func__); }
 
 uint32_t STATE_parser(AtCmder_t *cmd) {
     if (!usable(cmd, __func__)) return kParsed;
@@ -456,10 +471,10 @@ uint32_t VER_parser(AtCmder_t *cmd) {
     return kParsed;
 }
 
-uint32_t HALL_parser(AtCmder_t *cmd) { return parse_numbers(kHall, cmd); }
-uint32_t SN_parser(AtCmder_t *cmd) { return parse_record_text(kSn, cmd); }
-uint32_t SID_parser(AtCmder_t *cmd) { return parse_record_text(kSid, cmd); }
-uint32_t TYPE_parser(AtCmder_t *cmd) { return parse_record_text(kType, cmd); }
+uint32_t HALL_parser(AtCmder_t *cmd) { return parse_numbers(kHall, cmd, __func__); }
+uint32_t SN_parser(AtCmder_t *cmd) { return parse_record_text(kSn, cmd, __func__); }
+uint32_t SID_parser(AtCmder_t *cmd) { return parse_record_text(kSid, cmd, __func__); }
+uint32_t TYPE_parser(AtCmder_t *cmd) { return parse_record_text(kType, cmd, __func__); }
 
 uint32_t USBSTATE_parser(AtCmder_t *cmd) {
     if (!usable(cmd, __func__)) return kParsed;
@@ -483,26 +498,26 @@ uint32_t USBSTATE_parser(AtCmder_t *cmd) {
     return kParsed;
 }
 
-uint32_t SCREEN_parser(AtCmder_t *cmd) { return parse_value(kScreen, cmd); }
-uint32_t MICMODE_parser(AtCmder_t *cmd) { return parse_value(kMicmode, cmd); }
-uint32_t WIFI_parser(AtCmder_t *cmd) { return parse_value(kWifi, cmd); }
-uint32_t BT_parser(AtCmder_t *cmd) { return parse_value(kBt, cmd); }
+uint32_t SCREEN_parser(AtCmder_t *cmd) { return parse_value(kScreen, cmd, __func__); }
+uint32_t MICMODE_parser(AtCmder_t *cmd) { return parse_value(kMicmode, cmd, __func__); }
+uint32_t WIFI_parser(AtCmder_t *cmd) { return parse_value(kWifi, cmd, __func__); }
+uint32_t BT_parser(AtCmder_t *cmd) { return parse_value(kBt, cmd, __func__); }
 uint32_t TIME_parser(AtCmder_t *cmd) { return log_only(__func__, cmd, kTimeEntryLevel); }
 uint32_t OK_parser(AtCmder_t *cmd) { return log_only(__func__, cmd); }
-uint32_t ERROR_parser(AtCmder_t *cmd) { return parse_value(kError, cmd); }
+uint32_t ERROR_parser(AtCmder_t *cmd) { return parse_value(kError, cmd, __func__); }
 uint32_t SLEEP_parser(AtCmder_t *cmd) { return log_only(__func__, cmd); }
-uint32_t BATCG_parser(AtCmder_t *cmd) { return parse_numbers(kBatcg, cmd); }
-uint32_t BKL_parser(AtCmder_t *cmd) { return parse_value(kBkl, cmd); }
-uint32_t MODE_parser(AtCmder_t *cmd) { return parse_value(kMode, cmd); }
-uint32_t ACC_parser(AtCmder_t *cmd) { return parse_numbers(kAcc, cmd); }
-uint32_t LIGHT_parser(AtCmder_t *cmd) { return parse_value(kLight, cmd); }
-uint32_t HALLCG_parser(AtCmder_t *cmd) { return parse_numbers(kHallcg, cmd); }
-uint32_t TEST_parser(AtCmder_t *cmd) { return parse_value(kTest, cmd); }
-uint32_t HRM_TEMP_parser(AtCmder_t *cmd) { return parse_numbers(kHrm, cmd); }
-uint32_t DTR_parser(AtCmder_t *cmd) { return parse_local_text(kDtr, cmd); }
-uint32_t PTEST_parser(AtCmder_t *cmd) { return parse_local_text(kPtest, cmd); }
-uint32_t MMI1_parser(AtCmder_t *cmd) { return parse_local_text(kMmi1, cmd); }
-uint32_t PT_parser(AtCmder_t *cmd) { return parse_local_text(kPt, cmd); }
+uint32_t BATCG_parser(AtCmder_t *cmd) { return parse_numbers(kBatcg, cmd, __func__); }
+uint32_t BKL_parser(AtCmder_t *cmd) { return parse_value(kBkl, cmd, __func__); }
+uint32_t MODE_parser(AtCmder_t *cmd) { return parse_value(kMode, cmd, __func__); }
+uint32_t ACC_parser(AtCmder_t *cmd) { return parse_numbers(kAcc, cmd, __func__); }
+uint32_t LIGHT_parser(AtCmder_t *cmd) { return parse_value(kLight, cmd, __func__); }
+uint32_t HALLCG_parser(AtCmder_t *cmd) { return parse_numbers(kHallcg, cmd, __func__); }
+uint32_t TEST_parser(AtCmder_t *cmd) { return parse_value(kTest, cmd, __func__); }
+uint32_t HRM_TEMP_parser(AtCmder_t *cmd) { return parse_numbers(kHrm, cmd, __func__); }
+uint32_t DTR_parser(AtCmder_t *cmd) { return parse_local_text(kDtr, cmd, __func__); }
+uint32_t PTEST_parser(AtCmder_t *cmd) { return parse_local_text(kPtest, cmd, __func__); }
+uint32_t MMI1_parser(AtCmder_t *cmd) { return parse_local_text(kMmi1, cmd, __func__); }
+uint32_t PT_parser(AtCmder_t *cmd) { return parse_local_text(kPt, cmd, __func__); }
 
 // The factory answer goes back to the accessory with no sequence-and-flag tail; the line's own
 // payload is not read.
