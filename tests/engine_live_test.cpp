@@ -130,19 +130,6 @@ TEST_F(EngineLiveTest, UnansweredRequestIsResentTwiceThenReported) {
     EXPECT_EQ(Recorder::instance().count(AT_MSG_ERROR), 1u);
 }
 
-TEST_F(EngineLiveTest, RequestsNotAwaitingAnAnswerAreSentOnce) {
-    use_vuart();
-    send_request(dev, "AT+MICMODE?#19&1\r\n", AT_MSG_MICMODE, 19, 1);  // row after "+WIFICON"
-    send_request(dev, "AT+MODE?#0&2\r\n", AT_MSG_MODE, 0, 1);
-    send_request(dev, "AT+SN?#13&2\r\n", AT_MSG_SN, 13, 2);  // the other platform's number
-    const std::string all = "AT+MICMODE?#19&1\r\nAT+MODE?#0&2\r\nAT+SN?#13&2\r\n";
-    EXPECT_EQ(accessory.read_until([&](const std::string &got) { return got.size() >= all.size(); }),
-              all);
-    // Registration happens before the write, so by now any watch would be in place.
-    EXPECT_TRUE(queues_idle());
-    EXPECT_EQ(sb.log_text().find("Timeout buf enqueued"), std::string::npos);
-}
-
 TEST_F(EngineLiveTest, AnswerStopsTheResends) {
     g_timeout = ATCMD_TIMEOUT_WIFI_SERVER;  // room for the answer well before any resend
     use_uart();

@@ -82,30 +82,6 @@ TEST_F(TimeoutTest, DueRuleIsExclusiveOrNotElapsedTime) {
     EXPECT_EQ(seqs(waiting), (std::vector<uint16_t>{1, 3}));
 }
 
-TEST_F(TimeoutTest, DueRequestIsResentWithItsCountRaised) {
-    const struct timeval t = now();
-    watch("AT+VER?#11&1\r\n", 11, static_cast<int32_t>(t.tv_sec), static_cast<int32_t>(t.tv_usec));
-    watch("AT+SN?#13&1\r\n", 13, static_cast<int32_t>(t.tv_sec), static_cast<int32_t>(t.tv_usec), 1);
-    start_thread();
-
-    std::vector<QueuedLine> resent;
-    ASSERT_TRUE(wait_until([&] {
-        for (QueuedLine &q : drain_tx_queue()) resent.push_back(q);
-        return resent.size() == 2;
-    }));
-    const struct timeval after = now();
-    const long elapsed_us = (after.tv_sec - t.tv_sec) * 1000000L + (after.tv_usec - t.tv_usec);
-    EXPECT_GE(elapsed_us, static_cast<long>(ATCMD_TIMEOUT_DEFAULT) - 1000);
-    EXPECT_EQ(resent[0].text, "AT+VER?#11&1\r\n");
-    EXPECT_EQ(resent[0].cmd.resendtimes, 1);
-    EXPECT_EQ(resent[1].cmd.resendtimes, 2);
-    EXPECT_EQ(resent[0].cmd.cmd_id, AT_MSG_VER);
-    EXPECT_EQ(atcmder_empty_queue(&Timeout_head, &g_timeoutqueue_mutex), 1u);
-    EXPECT_TRUE(log_has("Re-send timeout cmd: 11 times: 1 data: AT+VER?#11&1"));
-    EXPECT_TRUE(log_has("Re-send timeout cmd: 13 times: 2 data: AT+SN?#13&1"));
-    EXPECT_EQ(Recorder::instance().count(AT_MSG_ERROR), 0u);
-}
-
 TEST_F(TimeoutTest, ThirdExpiryIsReportedThenDropped) {
     const struct timeval t = now();
     watch("AT+TYPE?#15&1\r\n", 15, static_cast<int32_t>(t.tv_sec) - 1, 999999, 2);

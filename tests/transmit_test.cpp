@@ -67,39 +67,42 @@ int open_raw_slave(const Pty &pty) {
 
 }  // namespace
 
-TEST_F(TransmitTest, ClosedChannelsGiveTheirStatusAndMessage) {
+TEST_F(TransmitTest, ChannelByPlatformModeAndDestination) {
+    enum Where { Uart, Vuart, Wifi, Nowhere };
+    struct Closed {
+        uint32_t status;
+        const char *message;
+    } const closed[] = {{ATCMDER_TX_UART_CLOSED, "uart is not open"},
+                        {ATCMDER_TX_VUART_CLOSED, "Vuart is not open"},
+                        {ATCMDER_TX_WIFI_CLOSED, "wifi fifo is not opened!"},
+                        {ATCMDER_TX_OK, ""}};
     struct Case {
         int32_t platform, mode;
         uint8_t dest;
-        uint32_t status;
-        const char *message;
-    } cases[] = {
-        {PLATFORM_VUART, AT_MODE_WIFI, AT_NODE_ACCESSORY, ATCMDER_TX_WIFI_CLOSED,
-         "wifi fifo is not opened!"},
-        {PLATFORM_VUART, AT_MODE_USB, AT_NODE_ACCESSORY, ATCMDER_TX_VUART_CLOSED, "Vuart is not open"},
-        {PLATFORM_VUART, AT_MODE_NONE, AT_NODE_PLATFORM1, ATCMDER_TX_VUART_CLOSED, "Vuart is not open"},
-        {PLATFORM_UART, AT_MODE_WIFI, AT_NODE_PLATFORM1, ATCMDER_TX_WIFI_CLOSED,
-         "wifi fifo is not opened!"},
-        {PLATFORM_UART, AT_MODE_WIFI, AT_NODE_ACCESSORY, ATCMDER_TX_UART_CLOSED, "uart is not open"},
-        {PLATFORM_UART, AT_MODE_USB, AT_NODE_PLATFORM1, ATCMDER_TX_UART_CLOSED, "uart is not open"},
-        {3, AT_MODE_WIFI, AT_NODE_PLATFORM1, ATCMDER_TX_OK, nullptr},
+        Where where;
+    } const cases[] = {
+        {PLATFORM_VUART, AT_MODE_WIFI, AT_NODE_ACCESSORY, Wifi},  // every dest goes over Wi-Fi
+        {PLATFORM_VUART, AT_MODE_USB, AT_NODE_ACCESSORY, Vuart},
+        {PLATFORM_VUART, AT_MODE_NONE, AT_NODE_PLATFORM1, Vuart},
+        {PLATFORM_UART, AT_MODE_WIFI, AT_NODE_PLATFORM1, Wifi},
+        {PLATFORM_UART, AT_MODE_WIFI, AT_NODE_ACCESSORY, Uart},  // only node 1 over Wi-Fi
+        {PLATFORM_UART, AT_MODE_USB, AT_NODE_PLATFORM1, Uart},
+        {3, AT_MODE_WIFI, AT_NODE_PLATFORM1, Nowhere},
     };
-    for (const Case &c : cases) {
-        SCOPED_TRACE(testing::Message() << "platform " << c.platform << " mode " << c.mode
-                                        << " dest " << int(c.dest));
+    const char line[] = "AT+SN?#13&2\r\n";
+    for (const Case &c : cases) {  // every channel closed
+        SCOPED_TRACE(testing::Message() << "closed, row " << (&c - cases));
         bare_device(c.platform)->system_status.mode = c.mode;
         const size_t from = sb.log_text().size();
-        EXPECT_EQ(transmit("AT+VER?#11&1\r\n", c.dest), c.status);
+        EXPECT_EQ(transmit(line, c.dest), closed[c.where].status);
         const std::string written = log_since(from);
-        if (c.message != nullptr) {
-            EXPECT_NE(written.find(c.message), std::string::npos) << written;
-        } else {
+        if (c.where == Nowhere) {
             EXPECT_EQ(written, "");
+        } else {
+            EXPECT_NE(written.find(closed[c.where].message), std::string::npos) << written;
         }
     }
-}
 
-TEST_F(TransmitTest, OpenChannelsCarryTheExactText) {
     Pty uart, vuart;
     g_uart_fd = open_raw_slave(uart);
     g_vuart_fd = open_raw_slave(vuart);
@@ -108,25 +111,8 @@ TEST_F(TransmitTest, OpenChannelsCarryTheExactText) {
     const int fifo_reader = open(fifo.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
     g_fifo_tx_fd = open(fifo.c_str(), O_WRONLY | O_CLOEXEC);
     ASSERT_GE(fifo_reader, 0);
-
-    enum Where { Uart, Vuart, Wifi, Nowhere };
-    struct Case {
-        int32_t platform, mode;
-        uint8_t dest;
-        Where where;
-    } cases[] = {
-        {PLATFORM_VUART, AT_MODE_WIFI, AT_NODE_ACCESSORY, Wifi},  // every dest goes over Wi-Fi
-        {PLATFORM_VUART, AT_MODE_USB, AT_NODE_ACCESSORY, Vuart},
-        {PLATFORM_VUART, AT_MODE_NONE, AT_NODE_PLATFORM1, Vuart},
-        {PLATFORM_UART, AT_MODE_WIFI, AT_NODE_PLATFORM1, Wifi},
-        {PLATFORM_UART, AT_MODE_WIFI, AT_NODE_ACCESSORY, Uart},  // only node 1 over Wi-Fi
-        {PLATFORM_UART, AT_MODE_USB, AT_NODE_PLATFORM1, Uart},
-        {0, AT_MODE_USB, AT_NODE_ACCESSORY, Nowhere},
-    };
-    const char line[] = "AT+SN?#13&2\r\n";
-    for (const Case &c : cases) {
-        SCOPED_TRACE(testing::Message() << "platform " << c.platform << " mode " << c.mode
-                                        << " dest " << int(c.dest));
+    for (const Case &c : cases) {  // every channel open: the text goes to one of them
+        SCOPED_TRACE(testing::Message() << "open, row " << (&c - cases));
         bare_device(c.platform)->system_status.mode = c.mode;
         EXPECT_EQ(transmit(line, c.dest), ATCMDER_TX_OK);
         EXPECT_EQ(pending(uart.master()), c.where == Uart ? line : "");
