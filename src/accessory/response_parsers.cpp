@@ -118,11 +118,11 @@ struct ValueRow {
     uint8_t msg_id;
     const char *entry_name;  // the name the first log gives, when not the parser's own
     uint8_t dest;            // written into the record first, or kKeepDest
-    bool idle_on_uart;       // on platform 2 the line is left alone
+    bool idle_on_uart;       // platform 2 leaves the line alone, at once, before any log
     uint32_t invalid_status;
     Relay relay;
     Action after;            // after the notice, or null
-    const char *value_log;   // reads (long value, int cmdIDX, int seq num) in that order; or null
+    const char *value_log;   // fixed format of (long value, int cmdIDX, int seq num), or null
     const char *invalid;     // logged when there is no value
 };
 
