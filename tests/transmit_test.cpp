@@ -194,3 +194,18 @@ TEST_F(TransmitTest, OnlyOwnNumberedRequestsUpToWificonAreWatched) {
     const std::string log = sb.log_text();
     EXPECT_LT(log.find("Timeout buf enqueued cmd AT+X#11&1"), log.find("Vuart is not open"));
 }
+
+TEST_F(TransmitTest, PeerThatClosedItsFifoEndDoesNotEndTheProcess) {
+    bare_device(PLATFORM_VUART)->system_status.mode = AT_MODE_WIFI;
+    const std::string fifo = sb.path("/dev/fifo_tx");
+    ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+    const int peer = open(fifo.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    g_fifo_tx_fd = open(fifo.c_str(), O_WRONLY | O_CLOEXEC);
+    close(peer);  // writing now raises SIGPIPE unless the transmit thread holds it off
+
+    char text[] = "+OK\r\n";
+    AtCmder_t cmd = {AT_TYPE_RESPONSE, 0, AT_NODE_ACCESSORY, 0, 0, AT_MSG_OK, 0, 0, 0, text};
+    atcmder_send_to_tx(&cmd);
+    ASSERT_EQ(pthread_create(&g_Tx_thread, nullptr, atcmder_Tx_thread, nullptr), 0);
+    EXPECT_TRUE(sb.wait_log("atcmder_Tx_process fifotx fail to send data +OK"));
+}
