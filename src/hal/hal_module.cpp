@@ -55,6 +55,12 @@ int atcmdprocess_cmd_from_hidl(const AtCmder_t *cmd) {
         ATCMD_LOG(0, "atcmdprocess_cmd_from_hidl got a NULL record, dropped\n");
         return kOpenFailed;
     }
+    // An empty line on a queue stops that queue for good (its dequeue keeps the lock), so one
+    // from the upper layer is refused here, at the door, and the transmit path keeps running.
+    if (cmd->data != nullptr && cmd->data[0] == '\0') {
+        ATCMD_LOG(0, "atcmdprocess_cmd_from_hidl got an empty line, dropped\n");
+        return 0;
+    }
     // The enqueue logs its own refusals (NULL or over-long text); the upper layer gets 0.
     atcmder_send_to_tx(cmd);
     return 0;
