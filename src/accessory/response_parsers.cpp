@@ -22,6 +22,9 @@
 #include "log/atcmd_log.h"
 #include "wifi/wifi.h"
 
+// Logs as the parser being run (`parser` in scope), not as the shared routine doing the work.
+#define PARSER_LOG(threshold, ...) ATCMD_LOG_AS(parser, LOG_TAG, threshold, __VA_ARGS__)
+
 namespace {
 
 constexpr uint32_t kParsed = 0;
@@ -69,14 +72,15 @@ Link link_state() {
 // A record without a line cannot be parsed: it is logged and dropped.
 bool usable(const AtCmder_t *cmd, const char *parser) {
     if (cmd != nullptr && cmd->data != nullptr) return true;
-    ATCMD_LOG(0, "%s got a NULL record or line, dropped", parser);
+    PARSER_LOG(0, "%s got a NULL record or line, dropped", parser);
     return false;
 }
 
 // The first log of a parser. `name` is the name the log vocabulary uses for the row, which for
 // UPGRADE and POWEROFF is another parser's.
-void log_entry(const char *name, const AtCmder_t *cmd, int level = kEntryLevel) {
-    ATCMD_LOG(level, "%s source is %u, idx is %u data is %s", name,
+void log_entry(const char *parser, const char *name, const AtCmder_t *cmd,
+               int level = kEntryLevel) {
+    PARSER_LOG(level, "%s source is %u, idx is %u data is %s", name,
               static_cast<unsigned>(cmd->source), static_cast<unsigned>(cmd->cmd_id), cmd->data);
 }
 
@@ -134,14 +138,14 @@ uint32_t parse_value(const ValueRow &row, AtCmder_t *cmd, const char *parser) {
     if (!usable(cmd, parser)) return row.invalid_status;
     if (row.dest != kKeepDest) cmd->dest = row.dest;
     if (row.idle_on_uart && link_state().platform == PLATFORM_UART) return kParsed;
-    log_entry(entry_name_of(row.entry_name, parser), cmd);
+    log_entry(parser, entry_name_of(row.entry_name, parser), cmd);
     int32_t value = 0;
     if (getvalue_fromCmdString(cmd->data, &value) != ATCMD_EXTRACT_OK) {
-        ATCMD_LOG(0, "%s", row.invalid);
+        PARSER_LOG(0, "%s", row.invalid);
         return row.invalid_status;
     }
     if (row.value_log != nullptr) {
-        ATCMD_LOG(kValueLevel, row.value_log, static_cast<long>(value),
+        PARSER_LOG(kValueLevel, row.value_log, static_cast<long>(value),
                   static_cast<int>(cmd->cmd_id), static_cast<int>(cmd->seq_num));
     }
     notify_up(row.msg_id, cmd, &value);
@@ -207,13 +211,13 @@ struct NumbersRow {
 
 uint32_t parse_numbers(const NumbersRow &row, AtCmder_t *cmd, const char *parser) {
     if (!usable(cmd, parser)) return kParsed;
-    log_entry(parser, cmd);
+    log_entry(parser, parser, cmd);
     std::array<int32_t, kMaxNumbers> v = {};
     if (row.extract(cmd->data, v.data()) != ATCMD_EXTRACT_OK) {
-        ATCMD_LOG(0, "%s", row.invalid);
+        PARSER_LOG(0, "%s", row.invalid);
         return kParsed;
     }
-    ATCMD_LOG(kValueLevel, row.value_log, v[0], v[1], v[2], v[3], v[4], v[5]);
+    PARSER_LOG(kValueLevel, row.value_log, v[0], v[1], v[2], v[3], v[4], v[5]);
     notify_up(row.msg_id, cmd, v.data());
     relay_to_peer(cmd, row.relay);
     return kParsed;
@@ -258,18 +262,19 @@ struct RecordTextRow {
     const char *invalid;
 };
 
-void log_text_value(const RecordTextRow &row, const AtCmder_t *cmd, const char *text) {
+void log_text_value(const char *parser, const RecordTextRow &row, const AtCmder_t *cmd,
+                    const char *text) {
     if (row.log_form == TextLog::Short) {
-        ATCMD_LOG(kValueLevel, row.value_log, text, static_cast<int>(cmd->cmd_id));
+        PARSER_LOG(kValueLevel, row.value_log, text, static_cast<int>(cmd->cmd_id));
     } else {
-        ATCMD_LOG(kValueLevel, row.value_log, static_cast<unsigned>(cmd->source),
+        PARSER_LOG(kValueLevel, row.value_log, static_cast<unsigned>(cmd->source),
                   static_cast<unsigned>(cmd->cmd_id), cmd->data, text);
     }
 }
 
 uint32_t parse_record_text(const RecordTextRow &row, AtCmder_t *cmd, const char *parser) {
     if (!usable(cmd, parser)) return kParsed;
-    if (row.entry_log) log_entry(parser, cmd);
+    if (row.entry_log) log_entry(parser, parser, cmd);
     char(&field)[32] = g_corvel_devInfo.*row.field;
     memset(field, 0, sizeof field);
     if (row.answer != nullptr && accessory_asks(cmd)) {
@@ -277,10 +282,10 @@ uint32_t parse_record_text(const RecordTextRow &row, AtCmder_t *cmd, const char 
         return kParsed;
     }
     if (atcmd_getstr_bounded(cmd->data, field, sizeof field) != ATCMD_EXTRACT_OK) {
-        ATCMD_LOG(0, "%s", row.invalid);  // the field stays cleared
+        PARSER_LOG(0, "%s", row.invalid);  // the field stays cleared
         return kParsed;
     }
-    log_text_value(row, cmd, field);
+    log_text_value(parser, row, cmd, field);
     if (row.notify_platform == 0 || row.notify_platform == link_state().platform) {
         notify_up(row.msg_id, cmd, field);
     }
@@ -340,10 +345,10 @@ struct LocalTextRow {
 
 uint32_t parse_local_text(const LocalTextRow &row, AtCmder_t *cmd, const char *parser) {
     if (!usable(cmd, parser)) return kParsed;
-    log_entry(parser, cmd);
+    log_entry(parser, parser, cmd);
     char text[AT_LINE_BUF_SIZE] = {};
     if (atcmd_getstr_bounded(cmd->data, text, sizeof text) != ATCMD_EXTRACT_OK) {
-        ATCMD_LOG(0, "%s", row.invalid);
+        PARSER_LOG(0, "%s", row.invalid);
         return kParsed;
     }
     if (row.notify) notify_up(row.msg_id, cmd, text);
@@ -379,7 +384,7 @@ struct NoticeRow {
 // The line goes to the platform-2 side; the upper layer is told with no data.
 uint32_t parse_notice(const NoticeRow &row, AtCmder_t *cmd, const char *parser) {
     if (!usable(cmd, parser)) return kParsed;
-    log_entry(entry_name_of(row.entry_name, parser), cmd);
+    log_entry(parser, entry_name_of(row.entry_name, parser), cmd);
     cmd->dest = AT_NODE_PLATFORM2;
     notify_up(row.msg_id, cmd, nullptr);
     if (row.after != nullptr) row.after();
@@ -407,7 +412,7 @@ constexpr NoticeRow kShutdown = {AT_MSG_SHUTDOWN, nullptr, power_off_phone};
 // ---- Rows that are only logged -----------------------------------------------------------------
 
 uint32_t log_only(const char *parser, AtCmder_t *cmd, int level = kEntryLevel) {
-    if (usable(cmd, parser)) log_entry(parser, cmd, level);
+    if (usable(cmd, parser)) log_entry(parser, parser, cmd, level);
     return kParsed;
 }
 
@@ -434,7 +439,7 @@ uint32_t BAT_parser(AtCmder_t *cmd) { return parse_numbers(kBat, cmd, __func__);
 
 uint32_t STATE_parser(AtCmder_t *cmd) {
     if (!usable(cmd, __func__)) return kParsed;
-    log_entry(__func__, cmd);
+    log_entry(__func__, __func__, cmd);
     cmd->dest = AT_NODE_ACCESSORY;
     if (accessory_asks(cmd)) {
         send_stateToMCU();
@@ -453,7 +458,7 @@ uint32_t STATE_parser(AtCmder_t *cmd) {
 
 uint32_t VER_parser(AtCmder_t *cmd) {
     if (!usable(cmd, __func__)) return kParsed;
-    log_entry(__func__, cmd);
+    log_entry(__func__, __func__, cmd);
     if (accessory_asks(cmd)) {
         send_amlogic_ver();
         return kParsed;
@@ -478,7 +483,7 @@ uint32_t TYPE_parser(AtCmder_t *cmd) { return parse_record_text(kType, cmd, __fu
 
 uint32_t USBSTATE_parser(AtCmder_t *cmd) {
     if (!usable(cmd, __func__)) return kParsed;
-    log_entry(__func__, cmd);
+    log_entry(__func__, __func__, cmd);
     usbdev_sts_t sts = {};
     if (getUsbDevinfo_fromCmdString(cmd->data, &sts) != ATCMD_EXTRACT_OK) {
         ATCMD_LOG(0, "Invalid usbdev_sts_t!");
@@ -523,7 +528,7 @@ uint32_t PT_parser(AtCmder_t *cmd) { return parse_local_text(kPt, cmd, __func__)
 // payload is not read.
 uint32_t WT_parser(AtCmder_t *cmd) {
     if (!usable(cmd, __func__)) return kParsed;
-    log_entry(__func__, cmd);
+    log_entry(__func__, __func__, cmd);
     char value[PROPERTY_VALUE_MAX] = {};
     property_get(kFactoryWtProp, value, kFactoryWtUnset);  // unset or empty gives the default
     char text[AT_LINE_BUF_SIZE] = {};

@@ -3,6 +3,7 @@
  * "[time][tid:N]function:line: ", to standard output, the Android log and the log file.
  * Call sites define LOG_TAG once at the top of the file and write
  *     ATCMD_LOG(threshold, "format", args...);
+ * (ATCMD_LOG_TAG for another tag, ATCMD_LOG_AS for another function name in the prefix).
  * A message is written when log_level >= threshold; threshold 0 is error priority, the rest info.
  * The arguments are evaluated once per sink that is written, as with any per-sink print.
  */
@@ -41,16 +42,20 @@ void atcmd_log_file(const char *func, int line, const char *fmt, ...)
 
 #define ATCMD_LOG_THRESHOLD_ERROR 0
 
-#define ATCMD_LOG_TAG(tag, threshold, ...)                                                      \
+// `func` names the function in the prefix: shared routines pass the name of the entry point
+// they work for, so a line reads as that entry point's.
+#define ATCMD_LOG_AS(func, tag, threshold, ...)                                                 \
     do {                                                                                        \
         if (log_level >= (threshold)) {                                                         \
             const int atcmd_prio_ =                                                             \
                 (threshold) == ATCMD_LOG_THRESHOLD_ERROR ? ANDROID_LOG_ERROR : ANDROID_LOG_INFO; \
-            atcmd_log_stdout(__func__, __LINE__, __VA_ARGS__);                                  \
-            atcmd_log_android(atcmd_prio_, (tag), __func__, __LINE__, __VA_ARGS__);             \
-            if (fd_logfile != nullptr) atcmd_log_file(__func__, __LINE__, __VA_ARGS__);         \
+            atcmd_log_stdout((func), __LINE__, __VA_ARGS__);                                    \
+            atcmd_log_android(atcmd_prio_, (tag), (func), __LINE__, __VA_ARGS__);               \
+            if (fd_logfile != nullptr) atcmd_log_file((func), __LINE__, __VA_ARGS__);           \
         }                                                                                       \
     } while (0)
+
+#define ATCMD_LOG_TAG(tag, threshold, ...) ATCMD_LOG_AS(__func__, tag, threshold, __VA_ARGS__)
 
 #define ATCMD_LOG(threshold, ...) ATCMD_LOG_TAG(LOG_TAG, threshold, __VA_ARGS__)
 
