@@ -161,9 +161,6 @@ std::string Pty::read_until(const std::function<bool(const std::string &)> &done
     return got;
 }
 
-std::string Pty::read_for(int window_ms) const {
-    return read_until([](const std::string &) { return false; }, window_ms);
-}
 
 Recorder &Recorder::instance() {
     static Recorder recorder;
@@ -172,62 +169,48 @@ Recorder &Recorder::instance() {
 
 namespace {
 
-enum class Kind { None, Int, Ints2, Ints3, Ints6, Text, VerBlock, UsbPair };
+enum class Kind { Ints, Text, VerBlock };
 
-// What `data` points to, by message id.
-Kind kind_of(uint16_t msg_id) {
-    switch (msg_id) {
-        case AT_MSG_BAT:
-        case AT_MSG_BATCG:
-            return Kind::Ints6;
-        case AT_MSG_HALL:
-        case AT_MSG_HALLCG:
-        case AT_MSG_ACC:
-            return Kind::Ints3;
-        case AT_MSG_HRM:
-            return Kind::Ints2;
-        case AT_MSG_USBSTATE:
-            return Kind::UsbPair;
-        case AT_MSG_BTMAC:
-        case AT_MSG_BLEMAC:
-        case AT_MSG_SN:
-        case AT_MSG_SID:
-        case AT_MSG_TYPE:
-        case AT_MSG_DTR:
-        case AT_MSG_MMI1:
-        case AT_MSG_PT:
-            return Kind::Text;
-        case AT_MSG_VER:
-            return Kind::VerBlock;
-        default:
-            return Kind::Int;
+struct MessageKind {
+    uint16_t msg_id;
+    Kind kind;
+    size_t ints;  // how many integers `data` points to, for Kind::Ints
+};
+
+// What `data` points to, by message id; every other id carries one integer.
+constexpr MessageKind kKinds[] = {
+    {AT_MSG_BAT, Kind::Ints, 6},    {AT_MSG_BATCG, Kind::Ints, 6},  {AT_MSG_HALL, Kind::Ints, 3},
+    {AT_MSG_HALLCG, Kind::Ints, 3}, {AT_MSG_ACC, Kind::Ints, 3},    {AT_MSG_HRM, Kind::Ints, 2},
+    {AT_MSG_USBSTATE, Kind::Ints, 2}, {AT_MSG_BTMAC, Kind::Text, 0}, {AT_MSG_BLEMAC, Kind::Text, 0},
+    {AT_MSG_SN, Kind::Text, 0},     {AT_MSG_SID, Kind::Text, 0},    {AT_MSG_TYPE, Kind::Text, 0},
+    {AT_MSG_DTR, Kind::Text, 0},    {AT_MSG_MMI1, Kind::Text, 0},   {AT_MSG_PT, Kind::Text, 0},
+    {AT_MSG_VER, Kind::VerBlock, 0},
+};
+
+MessageKind kind_of(uint16_t msg_id) {
+    for (const MessageKind &k : kKinds) {
+        if (k.msg_id == msg_id) return k;
     }
+    return {msg_id, Kind::Ints, 1};
 }
 
 }  // namespace
 
 void Recorder::callback(const AT_CMD_CbMsg_t *msg) {
     Notice n{msg->msg_id, msg->seq_num, msg->data != nullptr, {}, {}};
-    if (msg->data != nullptr) {
+    const MessageKind k = kind_of(msg->msg_id);
+    if (msg->data != nullptr && k.kind == Kind::Ints) {
         const auto *ints = static_cast<const int32_t *>(msg->data);
-        switch (kind_of(msg->msg_id)) {
-            case Kind::Int: n.values.assign(ints, ints + 1); break;
-            case Kind::Ints2:
-            case Kind::UsbPair: n.values.assign(ints, ints + 2); break;
-            case Kind::Ints3: n.values.assign(ints, ints + 3); break;
-            case Kind::Ints6: n.values.assign(ints, ints + 6); break;
-            case Kind::Text: n.text = static_cast<const char *>(msg->data); break;
-            case Kind::VerBlock: {
-                const auto *block = static_cast<const char *>(msg->data);
-                constexpr int offsets[] = CORVEL_VER_SLOT_OFFSETS;
-                constexpr int sizes[] = CORVEL_VER_SLOT_SIZES;
-                for (int i = 0; i < CORVEL_VER_ITEMS; ++i) {
-                    if (i) n.text += "|";
-                    n.text += std::string(block + offsets[i], strnlen(block + offsets[i], sizes[i]));
-                }
-                break;
-            }
-            case Kind::None: break;
+        n.values.assign(ints, ints + k.ints);
+    } else if (msg->data != nullptr && k.kind == Kind::Text) {
+        n.text = static_cast<const char *>(msg->data);
+    } else if (msg->data != nullptr) {
+        const auto *block = static_cast<const char *>(msg->data);
+        constexpr int offsets[] = CORVEL_VER_SLOT_OFFSETS;
+        constexpr int sizes[] = CORVEL_VER_SLOT_SIZES;
+        for (int i = 0; i < CORVEL_VER_ITEMS; ++i) {
+            if (i) n.text += "|";
+            n.text += std::string(block + offsets[i], strnlen(block + offsets[i], sizes[i]));
         }
     }
     Recorder &r = instance();
@@ -241,12 +224,6 @@ std::vector<Notice> Recorder::notices() {
     return notices_;
 }
 
-size_t Recorder::count(uint16_t msg_id) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    size_t c = 0;
-    for (const Notice &n : notices_) c += n.msg_id == msg_id;
-    return c;
-}
 
 bool Recorder::wait_for(uint16_t msg_id, size_t count, int timeout_ms) {
     std::unique_lock<std::mutex> lock(mutex_);

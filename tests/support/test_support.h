@@ -61,8 +61,6 @@ public:
     // Reads from the master until `done(all_read)` holds or the deadline passes.
     std::string read_until(const std::function<bool(const std::string &)> &done,
                            int timeout_ms = 3000) const;
-    // Reads whatever arrives within `window_ms`.
-    std::string read_for(int window_ms) const;
 
 private:
     int master_ = -1;
@@ -89,7 +87,6 @@ public:
     std::vector<Notice> notices();
     // Waits until at least `count` notices with `msg_id` arrived.
     bool wait_for(uint16_t msg_id, size_t count = 1, int timeout_ms = 3000);
-    size_t count(uint16_t msg_id);
     void clear();
 
 private:
