@@ -53,11 +53,7 @@ int atcmder_hal_open(void) {
     memset(&g_corvel_devInfo, 0, sizeof g_corvel_devInfo);
 
     sigset_t supervisor_signals;
-    sigemptyset(&supervisor_signals);
-    sigaddset(&supervisor_signals, ATCMD_SIG_PLUG);
-    sigaddset(&supervisor_signals, ATCMD_SIG_UNPLUG);
-    sigaddset(&supervisor_signals, ATCMD_SIG_HIDDEMON_RUNNING);
-    sigaddset(&supervisor_signals, ATCMD_SIG_HANDSHAKE);
+    atcmd_supervisor_signals(&supervisor_signals);
 
     atcmder_queue_init(&Rx_head);
     atcmder_queue_init(&Tx_head);

@@ -47,6 +47,9 @@ ATCMD_EXPORTS_END
 #define ATCMD_SIG_HANDSHAKE SIGVTALRM
 #define ATCMD_SIG_THREAD_EXIT SIGALRM
 
+/* Fills `set` with the four signals only the supervisor takes. */
+void atcmd_supervisor_signals(sigset_t *set);
+
 /* Sends `sig` to the supervisor thread; the result of pthread_kill. */
 int atcmd_signal_supervisor(int sig);
 

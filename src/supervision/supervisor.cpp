@@ -16,6 +16,14 @@ pthread_t g_Sigprocess_thread = 0;
 pthread_t g_TestTx_thread = 0;
 pthread_t g_VuartTxTst_thread = 0;
 
+void atcmd_supervisor_signals(sigset_t *set) {
+    sigemptyset(set);
+    sigaddset(set, ATCMD_SIG_PLUG);
+    sigaddset(set, ATCMD_SIG_UNPLUG);
+    sigaddset(set, ATCMD_SIG_HIDDEMON_RUNNING);
+    sigaddset(set, ATCMD_SIG_HANDSHAKE);
+}
+
 int atcmd_signal_supervisor(int sig) {
     return pthread_kill(g_Sigprocess_thread, sig);
 }
@@ -27,11 +35,7 @@ void thread_exit_handler(int sig) {
 
 void *atcmder_sigProcess_thread(void * /*arg*/) {
     sigset_t set;
-    sigemptyset(&set);
-    sigaddset(&set, ATCMD_SIG_PLUG);
-    sigaddset(&set, ATCMD_SIG_UNPLUG);
-    sigaddset(&set, ATCMD_SIG_HIDDEMON_RUNNING);
-    sigaddset(&set, ATCMD_SIG_HANDSHAKE);
+    atcmd_supervisor_signals(&set);
     prctl(PR_SET_NAME, "sigProcess_thread");
     ATCMD_LOG(3, "atcmder_sigProcess_thread thread is running");
 
