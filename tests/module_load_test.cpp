@@ -57,6 +57,7 @@ TEST(ModuleLoadTest, LoadsThroughHmiOpensAndLogsIntoTheSandbox) {
         log, std::regex(R"(\[\d+\.\d+\]\[tid:\d+\]atcmder_hal_open:\d+: func is atcmder_hal_open\.)")))
         << log;
     EXPECT_NE(log.find("set_notify_callback"), std::string::npos) << log;
+    EXPECT_NE(out.find("callback: msg_id 24 seq_num 11 error -110"), std::string::npos) << out;
 }
 
 TEST(ModuleLoadTest, ExportsExactlyTheSystemNames) {
