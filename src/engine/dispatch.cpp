@@ -8,7 +8,6 @@
 
 #include <string.h>
 #include <sys/prctl.h>
-#include <time.h>
 
 #include "engine/engine.h"
 #include "hal/hal.h"
@@ -18,11 +17,6 @@
 pthread_t g_dispatch_thread = 0;
 
 namespace {
-
-// Producers signal without holding the consumer's wait mutex, so a signal can fall between the
-// emptiness test and the wait. A consumer therefore never sleeps longer than this before it
-// tests again; a missed wake-up costs at most this delay instead of waiting for the next record.
-constexpr long kQueueRecheckNs = 20L * 1000 * 1000;
 
 const char *text_of(const AtCmder_t *cmd) { return cmd->data != nullptr ? cmd->data : "(null)"; }
 
@@ -34,22 +28,6 @@ bool is_bridged(const AtCmder_t *cmd, int32_t platform, int32_t mode) {
 }
 
 }  // namespace
-
-void atcmder_wait_queue(struct atcmder_queue_head *head, pthread_mutex_t *list_mutex,
-                        pthread_mutex_t *wait_mutex, pthread_cond_t *not_empty) {
-    pthread_mutex_lock(wait_mutex);
-    while (atcmder_empty_queue(head, list_mutex) != 0) {
-        struct timespec until;
-        clock_gettime(CLOCK_MONOTONIC, &until);
-        until.tv_nsec += kQueueRecheckNs;
-        if (until.tv_nsec >= 1000L * 1000 * 1000) {
-            until.tv_sec += 1;
-            until.tv_nsec -= 1000L * 1000 * 1000;
-        }
-        pthread_cond_clockwait(not_empty, wait_mutex, CLOCK_MONOTONIC, &until);
-    }
-    pthread_mutex_unlock(wait_mutex);
-}
 
 int atcmder_post_parse_process(AtCmder_t *cmd) {
     if (cmd == nullptr) {

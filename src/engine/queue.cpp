@@ -7,6 +7,7 @@
 
 #include <stdlib.h>
 #include <string.h>
+#include <time.h>
 
 #include "engine/engine.h"
 #include "log/atcmd_log.h"
@@ -25,6 +26,15 @@ pthread_mutex_t txbuffer_Mutex = PTHREAD_MUTEX_INITIALIZER;
 pthread_cond_t txbuffer_notempty = PTHREAD_COND_INITIALIZER;
 pthread_mutex_t timeoutbuffer_Mutex = PTHREAD_MUTEX_INITIALIZER;
 pthread_cond_t timeoutbuffer_notempty = PTHREAD_COND_INITIALIZER;
+
+namespace {
+
+// Producers signal without holding the consumer's wait mutex, so a signal can fall between the
+// emptiness test and the wait. A consumer therefore never sleeps longer than this before it
+// tests again; a missed wake-up costs at most this delay instead of waiting for the next record.
+constexpr long kQueueRecheckNs = 20L * 1000 * 1000;
+
+}  // namespace
 
 uint32_t atcmder_queue_init(struct atcmder_queue_head *head) {
     TAILQ_INIT(head);
@@ -47,6 +57,22 @@ uint32_t atcmder_empty_queue(struct atcmder_queue_head *head, pthread_mutex_t *m
     const bool empty = TAILQ_FIRST(head) == nullptr;
     pthread_mutex_unlock(mutex);
     return empty ? 1 : 0;
+}
+
+void atcmder_wait_queue(struct atcmder_queue_head *head, pthread_mutex_t *list_mutex,
+                        pthread_mutex_t *wait_mutex, pthread_cond_t *not_empty) {
+    pthread_mutex_lock(wait_mutex);
+    while (atcmder_empty_queue(head, list_mutex) != 0) {
+        struct timespec until;
+        clock_gettime(CLOCK_MONOTONIC, &until);
+        until.tv_nsec += kQueueRecheckNs;
+        if (until.tv_nsec >= 1000L * 1000 * 1000) {
+            until.tv_sec += 1;
+            until.tv_nsec -= 1000L * 1000 * 1000;
+        }
+        pthread_cond_clockwait(not_empty, wait_mutex, CLOCK_MONOTONIC, &until);
+    }
+    pthread_mutex_unlock(wait_mutex);
 }
 
 uint32_t atcmder_enqueue(struct atcmder_queue_head *head, pthread_mutex_t *mutex,
