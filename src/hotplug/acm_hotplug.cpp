@@ -12,9 +12,16 @@
 #include "hotplug/hotplug.h"
 #include "log/atcmd_log.h"
 
+char g_dev_ACM_name[64] = "";
+int fd_inotify_input = -1;
+int epfd_hid_devs = -1;
 pthread_t g_find_acmdev_thread = 0;
 
-namespace {
+int32_t parse_dev_name(const char * /*name*/) { return -1; }
+int scan_acm_devices(void) { return 0; }
+int inotify_input_event(void) { return -1; }
+int dev_event_process(void) { return 0; }
+int corvel_plugged(void) { return 0; }
 
 void *handler_acm_devs_epoll(void * /*arg*/) {
     prctl(PR_SET_NAME, "devEpoll_process");
@@ -22,8 +29,6 @@ void *handler_acm_devs_epoll(void * /*arg*/) {
     for (;;) pause();
     return nullptr;
 }
-
-}  // namespace
 
 int dev_hotplug_init(void) {
     if (pthread_create(&g_find_acmdev_thread, nullptr, handler_acm_devs_epoll, nullptr) != 0) {

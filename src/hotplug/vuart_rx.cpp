@@ -10,6 +10,12 @@
 
 pthread_t g_VuartRx_thread = 0;
 
+void *atcmder_VuartRx_thread(void * /*arg*/) {
+    pthread_detach(pthread_self());
+    __atomic_store_n(&g_VuartRx_thread, 0, __ATOMIC_RELEASE);
+    return nullptr;
+}
+
 int atcmdprocess_amlogic_shake_hands(void) {
     ATCMD_LOG(4, "atcmdprocess_amlogic_shake_hands.");
     return atcmd_signal_supervisor(ATCMD_SIG_HANDSHAKE);

@@ -29,9 +29,10 @@ extern pthread_t g_Sigprocess_thread;
 void *atcmder_sigProcess_thread(void *arg);
 void thread_exit_handler(int sig);
 
-/* Test transmitter. */
+/* Test transmitter: nothing in the module starts it; a harness that wants the load does. */
 extern pthread_t g_TestTx_thread;
 extern pthread_t g_VuartTxTst_thread;
+void *atcmder_TestTx_thread(void *arg);
 
 ATCMD_EXPORTS_END
 
@@ -50,7 +51,8 @@ ATCMD_EXPORTS_END
 /* Fills `set` with the four signals only the supervisor takes. */
 void atcmd_supervisor_signals(sigset_t *set);
 
-/* Sends `sig` to the supervisor thread; the result of pthread_kill. */
+/* Sends `sig` to the supervisor thread; the result of pthread_kill (ESRCH, logged, when the
+ * supervisor was never started). */
 int atcmd_signal_supervisor(int sig);
 
 #endif /* ATCMD_SUPERVISION_SUPERVISION_H */

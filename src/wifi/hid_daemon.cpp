@@ -27,3 +27,12 @@ int atcmdprocess_hiddemon_stchange(const char *status) {
               status != nullptr ? status : "(null)");
     return 0;
 }
+
+void stop_hiddemon(void) {}
+int Kill_hiddemon_byforce(void) { return 0; }
+void wifi_Chan_ReInit(void) {}
+void *atcmder_wifiHBeat_thread(void * /*arg*/) {
+    __atomic_store_n(&g_wifiHBeat_thread, 0, __ATOMIC_RELEASE);
+    return nullptr;
+}
+void notify_wifi_state(int32_t /*state*/) {}

@@ -19,9 +19,20 @@ extern pthread_t g_wifiRx_thread;
 extern pthread_t g_wifiHBeat_thread;
 extern uint32_t g_wifiHBeat_num;
 
+/* The FIFO channel. */
+int Socket_Fifo_Init(void);
+void *atcmder_wifiRx_thread(void *arg);
+void stop_wifi_channel(void);
+
+/* The HID daemon: device operations, control, heartbeat and the Wi-Fi state. */
 int atcmdprocess_wifi_init(const char *ip_addr);
 int atcmdprocess_wifi_stchange(int32_t state);
 int atcmdprocess_hiddemon_stchange(const char *status);
+void stop_hiddemon(void);
+int Kill_hiddemon_byforce(void);
+void wifi_Chan_ReInit(void);
+void *atcmder_wifiHBeat_thread(void *arg);
+void notify_wifi_state(int32_t state);
 
 ATCMD_EXPORTS_END
 
