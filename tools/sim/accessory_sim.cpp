@@ -426,6 +426,7 @@ bool acc_sim_ask(AccSim *s, const std::string &what) {
 
 bool acc_sim_report(AccSim *s, const std::string &what) {
     std::lock_guard<std::mutex> lock(s->mu);
+    if (!s->port_open && s->wifi_out < 0) return false;  // numbered reports only when they leave
     const std::string line = report_line(s, what);
     return !line.empty() && write_line_locked(s, s->port_open ? AccLink::Usb : AccLink::Wifi, line);
 }

@@ -74,6 +74,7 @@ std::string ints_text(const std::vector<int32_t> &ints) {
 
 std::string value_text(const DecodedMessage &m) {
     if (!m.has_data) return "(no data)";
+    if (m.kind == ValueKind::None) return "(value not decoded)";
     if (m.msg_id == AT_MSG_ERROR && m.ints.size() == 1) {
         return std::to_string(m.ints[0]) + " " + error_text(m.ints[0]);
     }
