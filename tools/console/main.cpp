@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "console/console.h"
+#include "sim/sim_util.h"
 
 using namespace atcmd_tools;
 
@@ -44,13 +45,16 @@ void usage(FILE *out) {
             console_help().c_str());
 }
 
+// The simulators' sandbox: ATCMD_ROOT or a fresh directory, with dev/ in place before the
+// module opens (its hotplug watch is set on dev/ once, at open).
 bool make_sandbox() {
     const char *root = getenv("ATCMD_ROOT");
-    if (root != nullptr && root[0] != '\0') return true;
-    char tmpl[] = "/tmp/atcmd-console-XXXXXX";
-    if (mkdtemp(tmpl) == nullptr) return false;
-    setenv("ATCMD_ROOT", tmpl, 1);
-    return true;
+    if (root == nullptr || root[0] == '\0') {
+        char tmpl[] = "/tmp/atcmd-console-XXXXXX";
+        if (mkdtemp(tmpl) == nullptr) return false;
+        setenv("ATCMD_ROOT", tmpl, 1);
+    }
+    return make_dirs(rooted("/dev"));
 }
 
 void run_commands(const std::string &commands) {

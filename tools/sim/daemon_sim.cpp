@@ -32,6 +32,9 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 constexpr int kHeartbeatMs = 1000;
+// A daemon needs a moment to bring its link up; the module also only takes status reports once
+// its Wi-Fi init has finished, which happens just after it wrote the start command.
+constexpr int kLinkUpMs = 300;
 constexpr const char kCmdProperty[] = "vendor.hid_cmd";
 constexpr const char kStsProperty[] = "vendor.hid_sts";
 constexpr const char kFifoTx[] = "/dev/fifo_tx";   // the phone writes, the daemon reads
@@ -72,8 +75,9 @@ struct DaemonSim {
     bool stopping = false;
     bool running = false;
     bool silent = false;
+    bool announced = false;  // "running" reported since the last start
     unsigned beat = 0;
-    Clock::time_point next_beat;
+    Clock::time_point next_beat;  // the "running" report until announced, then the next beat
     int fifo_tx = -1;
     int fifo_rx = -1;
     int fifo_cmd = -1;
@@ -112,12 +116,12 @@ void start_locked(DaemonSim *d, const std::string &how) {
     }
     d->running = true;
     d->silent = false;
+    d->announced = false;
     d->beat = 0;
-    d->next_beat = Clock::now() + std::chrono::milliseconds(kHeartbeatMs);
+    d->next_beat = Clock::now() + std::chrono::milliseconds(kLinkUpMs);
     d->counters.starts++;
     if (d->accessory != nullptr) acc_sim_attach_wifi(d->accessory, d->fifo_tx, d->fifo_rx);
     note(d, "started (" + how + "), FIFOs ready");
-    queue_report_locked(d, "running");
 }
 
 void stop_locked(DaemonSim *d, bool orderly_exit) {
@@ -174,11 +178,16 @@ void read_fifo_cmd_locked(DaemonSim *d) {
     }
 }
 
-// Sends a heartbeat when one is due; returns the poll time-out until the next (-1: none).
+// Reports "running" once the link is up, then a heartbeat each period; returns the poll
+// time-out until the next report (-1: none).
 int beat_locked(DaemonSim *d) {
-    if (!d->running || d->silent) return -1;
+    if (!d->running || (d->silent && d->announced)) return -1;
     const auto now = Clock::now();
-    if (now >= d->next_beat) {
+    if (now >= d->next_beat && !d->announced) {
+        d->announced = true;
+        queue_report_locked(d, "running");
+        d->next_beat = now + std::chrono::milliseconds(kHeartbeatMs);
+    } else if (now >= d->next_beat) {
         d->counters.heartbeats++;
         queue_report_locked(d, "heartbeat:" + std::to_string(++d->beat));
         d->next_beat += std::chrono::milliseconds(kHeartbeatMs);
