@@ -424,11 +424,16 @@ bool acc_sim_ask(AccSim *s, const std::string &what) {
     return false;
 }
 
-bool acc_sim_report(AccSim *s, const std::string &what) {
+bool acc_sim_report_on(AccSim *s, AccLink link, const std::string &what) {
     std::lock_guard<std::mutex> lock(s->mu);
-    if (!s->port_open && s->wifi_out < 0) return false;  // numbered reports only when they leave
+    // Numbered only when the report can leave, so that the numbers have no gaps.
+    if (link == AccLink::Usb ? !s->port_open : s->wifi_out < 0) return false;
     const std::string line = report_line(s, what);
-    return !line.empty() && write_line_locked(s, s->port_open ? AccLink::Usb : AccLink::Wifi, line);
+    return !line.empty() && write_line_locked(s, link, line);
+}
+
+bool acc_sim_report(AccSim *s, const std::string &what) {
+    return acc_sim_report_on(s, acc_sim_port_open(s) ? AccLink::Usb : AccLink::Wifi, what);
 }
 
 void acc_sim_report_every(AccSim *s, const std::string &what, int interval_ms) {

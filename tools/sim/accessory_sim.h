@@ -64,8 +64,10 @@ bool acc_sim_send_on(AccSim *sim, AccLink link, const std::string &text);
 
 // Questions to the phone by name: "state", "mac", "ver", "wt". False for another name.
 bool acc_sim_ask(AccSim *sim, const std::string &what);
-// Reports by name: "bat" (battery change), "hall" (hall change), "temp" (board temperature).
+// Reports by name: "bat" (battery change), "hall" (hall change), "temp" (board temperature),
+// numbered so that their order can be checked. False when no link can carry them yet.
 bool acc_sim_report(AccSim *sim, const std::string &what);
+bool acc_sim_report_on(AccSim *sim, AccLink link, const std::string &what);
 // Sends the report `what` every `interval_ms` (0 stops it).
 void acc_sim_report_every(AccSim *sim, const std::string &what, int interval_ms);
 

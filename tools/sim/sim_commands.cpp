@@ -64,11 +64,16 @@ constexpr AccCommand kAccCommands[] = {
      [](AccSim *s, const std::vector<std::string> &w, bool *) {
          return done(w.size() > 1 && acc_sim_ask(s, w[1]), "ask " + rest_from(w, 1));
      }},
-    {"report", "report bat|hall|temp [N]  send N reports (default 1)",
+    {"report", "report bat|hall|temp [N] [usb|wifi]  send N reports (default 1)",
      [](AccSim *s, const std::vector<std::string> &w, bool *ok) {
          const int n = number_arg(w, 2, 1, ok);
+         const bool wifi = w.size() > 3 && w[3] == "wifi";
+         const bool usb = w.size() > 3 && w[3] == "usb";
          bool sent = *ok && w.size() > 1;
-         for (int i = 0; sent && i < n; ++i) sent = acc_sim_report(s, w[1]);
+         for (int i = 0; sent && i < n; ++i) {
+             sent = wifi || usb ? acc_sim_report_on(s, wifi ? AccLink::Wifi : AccLink::Usb, w[1])
+                                : acc_sim_report(s, w[1]);
+         }
          return done(sent, "report " + rest_from(w, 1));
      }},
     {"every", "every bat|hall|temp MS  send the report every MS (0 stops)",
