@@ -124,6 +124,11 @@ void Pty::link_as(const Sandbox &sb, const std::string &as_written) const {
     }
 }
 
+void Pty::close_master() {
+    if (master_ >= 0) close(master_);
+    master_ = -1;
+}
+
 void Pty::make_slave_raw() const {
     struct termios tio;
     tcgetattr(slave_, &tio);
