@@ -8,8 +8,6 @@
 #include <termios.h>
 #include <unistd.h>
 
-#include <dirent.h>
-
 #include <algorithm>
 #include <filesystem>
 
@@ -102,52 +100,6 @@ protected:
 
 }  // namespace
 
-TEST_F(UsbLinkTest, PortPresentAtOpenIsOpenedRawAndInterrogated) {
-    Pty &acm = port(sb, 3);
-    open();
-    ASSERT_TRUE(usb_events(1));
-    EXPECT_EQ(usb_pairs(), (std::vector<Pair>{{1, -1}}));
-    EXPECT_EQ(mode(), AT_MODE_USB);
-    EXPECT_EQ(link_load(g_dev_ACM), 3);
-
-    struct termios tio;
-    ASSERT_EQ(tcgetattr(acm.master(), &tio), 0);  // a pty master reports its slave's settings
-    EXPECT_EQ(cfgetospeed(&tio), static_cast<speed_t>(B460800));
-    EXPECT_EQ(tio.c_lflag & (ICANON | ECHO), 0u);
-
-    const std::string wire = acm.read_until(
-        [](const std::string &got) { return got.find("AT+VER?#11&1\r\n") != std::string::npos; },
-        kLongWait);
-    // Unanswered queries are resent 100 ms on, among the later ones: first sends only.
-    std::vector<std::string> sent;
-    for (const std::string &k : keywords(wire)) {
-        if (std::find(sent.begin(), sent.end(), k) == sent.end()) sent.push_back(k);
-    }
-    EXPECT_EQ(sent,
-              (std::vector<std::string>{"AT+TYPE?", "AT+BAT?", "AT+BTMAC=", "AT+SN?", "AT+SID?",
-                                        "AT+SCREEN?", "AT+STATE?", "AT+USBSTATE?", "AT+BLEMAC?",
-                                        "AT+MICMODE?", "AT+VER?"}));
-}
-
-TEST_F(UsbLinkTest, EveryPortAtOpenIsAnnouncedAndTheLastListedIsKept) {
-    port(sb, 1);
-    port(sb, 2);
-    long last_listed = -1;
-    DIR *dir = opendir(sb.path("/dev").c_str());
-    ASSERT_NE(dir, nullptr);
-    while (const struct dirent *e = readdir(dir)) {
-        if (strncmp(e->d_name, "ttyACM", 6) == 0) last_listed = atol(e->d_name + 6);
-    }
-    closedir(dir);
-
-    open();
-    EXPECT_EQ(link_load(g_dev_ACM), last_listed);  // the scan at open has run by now
-    EXPECT_EQ(std::string(g_dev_ACM_name), "ttyACM" + std::to_string(last_listed));
-    EXPECT_EQ(count_in_log(sb, "is found"), 2u);
-    ASSERT_TRUE(usb_events(1));
-    EXPECT_EQ(mode(), AT_MODE_USB);
-}
-
 struct UnplugRow {
     const char *name;
     int32_t wifi_status;
@@ -156,33 +108,82 @@ struct UnplugRow {
 
 class UnplugTest : public UsbLinkTest, public ::testing::WithParamInterface<UnplugRow> {};
 
-TEST_P(UnplugTest, RemovedPortUnplugsOnceAndTheReceiveThreadEndsByItself) {
+// Found at open, opened raw, interrogated, read line by line, then removed: one unplug.
+TEST_P(UnplugTest, PortAtOpenCarriesLinesUntilRemovedAndUnplugsOnce) {
     Pty &acm = port(sb, 3);
     open();
     ASSERT_TRUE(usb_events(1));
-    EXPECT_NE(link_load(g_VuartRx_thread), 0u);
-    link_store(dev->system_status.wifi_status, GetParam().wifi_status);
+    EXPECT_EQ(mode(), AT_MODE_USB);
+    struct termios tio;
+    ASSERT_EQ(tcgetattr(acm.master(), &tio), 0);  // a pty master reports its slave's settings
+    EXPECT_EQ(cfgetospeed(&tio), static_cast<speed_t>(B460800));
+    EXPECT_EQ(tio.c_lflag & (ICANON | ECHO), 0u);
+    const std::string wire = acm.read_until(
+        [](const std::string &got) { return got.find("AT+VER?#11&1\r\n") != std::string::npos; },
+        kLongWait);
+    std::vector<std::string> sent;  // first sends only: unanswered queries are resent among them
+    for (const std::string &k : keywords(wire)) {
+        if (std::find(sent.begin(), sent.end(), k) == sent.end()) sent.push_back(k);
+    }
+    EXPECT_EQ(sent, (std::vector<std::string>{"AT+TYPE?", "AT+BAT?", "AT+BTMAC=", "AT+SN?",
+                                              "AT+SID?", "AT+SCREEN?", "AT+STATE?",
+                                              "AT+USBSTATE?", "AT+BLEMAC?", "AT+MICMODE?",
+                                              "AT+VER?"}));
 
+    acm.write("+VER=1.0");
+    acm.write("\r\n" + std::string(600, 'x'));
+    ASSERT_TRUE(sb.wait_log("Vuart receive data length is too long, skip it", kLongWait));
+    EXPECT_EQ(count_in_log(sb, "Vuart receive data length is 10, receive data is +VER=1.0\r\n"), 1u);
+
+    link_store(dev->system_status.wifi_status, GetParam().wifi_status);
     ASSERT_EQ(unlink(sb.path("/dev/ttyACM3").c_str()), 0);
     ASSERT_TRUE(usb_events(2));
     EXPECT_EQ(usb_pairs(), (std::vector<Pair>{{1, -1}, {0, -1}}));
     // The upper layer hears of the unplug before the port is dropped and the mode set.
     EXPECT_TRUE(wait_until([&] { return mode() == GetParam().mode_after; }, kLongWait));
     EXPECT_EQ(link_load(g_vuart_fd), -1);
-    EXPECT_EQ(link_load(g_dev_ACM), 3);
-
     acm.close_master();  // the device is gone: the pending receive ends
     ASSERT_TRUE(sb.wait_log("ACM device can not find, atcmder_VuartRx_thread will die!", kLongWait));
     EXPECT_EQ(link_load(g_VuartRx_thread), 0u);
     ASSERT_TRUE(supervisor_caught_up(sb));
     EXPECT_EQ(count_in_log(sb, "handling thread got signal 12"), 1u);
-    EXPECT_EQ(usb_pairs().size(), 2u);
 }
 
 INSTANTIATE_TEST_SUITE_P(
     WifiWanted, UnplugTest,
     ::testing::Values(UnplugRow{"NoWifi", 0, AT_MODE_NONE}, UnplugRow{"WifiTakesOver", 1, AT_MODE_WIFI}),
     [](const ::testing::TestParamInfo<UnplugRow> &info) { return info.param.name; });
+
+// A second port while the first is read: one thread, which moves to the new port; then both
+// vanish unseen by the watch (moved away), mid-line, and the thread itself asks for the unplug.
+TEST_F(UsbLinkTest, ReplugKeepsOneThreadAndAPulledPortEndsItThroughOneUnplug) {
+    open();
+    Pty &first = port(sb, 3);
+    ASSERT_TRUE(usb_events(1));
+    Pty &second = port(sb, 4);
+    ASSERT_TRUE(usb_events(2));
+    EXPECT_EQ(link_load(g_dev_ACM), 4);
+    first.write("+SN=FIRST\r\n");  // ends the receive still pending on the first port
+    second.write("+SN=SECOND\r\n");
+    EXPECT_TRUE(sb.wait_log("receive data is +SN=SECOND", kLongWait));
+    EXPECT_EQ(count_in_log(sb, "atcmder_VuartRx_thread is running!"), 1u);
+
+    second.write("+VER=1.0");
+    for (const char *name : {"3", "4"}) {
+        const std::string from = sb.path("/dev/ttyACM") + name, to = sb.path("/dev/gone") + name;
+        ASSERT_EQ(rename(from.c_str(), to.c_str()), 0);
+    }
+    first.close_master();
+    second.close_master();
+    ASSERT_TRUE(sb.wait_log("ACM device disappear, atcmder_VuartRx_thread will die!", kLongWait));
+    ASSERT_TRUE(usb_events(3));
+    EXPECT_EQ(usb_pairs().back(), (Pair{0, -1}));
+    EXPECT_TRUE(wait_until([] { return link_load(g_VuartRx_thread) == 0; }, kLongWait));
+    ASSERT_TRUE(supervisor_caught_up(sb));
+    EXPECT_EQ(mode(), AT_MODE_NONE);
+    EXPECT_EQ(count_in_log(sb, "handling thread got signal 12"), 1u);
+    EXPECT_EQ(count_in_log(sb, "receive data is +VER"), 0u);  // the half line is never parsed
+}
 
 struct ForeignRow {
     const char *name;
@@ -219,59 +220,3 @@ INSTANTIATE_TEST_SUITE_P(Entries, ForeignEntryTest, ::testing::ValuesIn(kForeign
                          [](const ::testing::TestParamInfo<ForeignRow> &info) {
                              return info.param.name;
                          });
-
-TEST_F(UsbLinkTest, ReplugWhileReceivingKeepsOneThreadThatReadsTheNewPort) {
-    open();
-    Pty &first = port(sb, 3);
-    ASSERT_TRUE(usb_events(1));
-    Pty &second = port(sb, 4);
-    ASSERT_TRUE(usb_events(2));
-    EXPECT_EQ(usb_pairs(), (std::vector<Pair>{{1, -1}, {1, -1}}));
-    EXPECT_EQ(link_load(g_dev_ACM), 4);
-    EXPECT_EQ(count_in_log(sb, "atcmder_VuartRx_thread is running!"), 1u);
-
-    // The pending receive still belongs to the first port; once it returns, the next one is
-    // made on the port opened last.
-    first.write("+SN=FIRST\r\n");
-    second.write("+SN=SECOND\r\n");
-    EXPECT_TRUE(sb.wait_log("receive data is +SN=SECOND", kLongWait));
-    EXPECT_EQ(count_in_log(sb, "atcmder_VuartRx_thread is running!"), 1u);
-}
-
-TEST_F(UsbLinkTest, PortPulledMidLineEndsTheThreadThroughOneUnplug) {
-    Pty &acm = port(sb, 3);
-    open();
-    ASSERT_TRUE(usb_events(1));
-
-    // Moved away rather than deleted: the watch does not see it, only the failed receive does.
-    acm.write("+VER=1.0");
-    ASSERT_EQ(rename(sb.path("/dev/ttyACM3").c_str(), sb.path("/dev/gone").c_str()), 0);
-    acm.close_master();
-
-    ASSERT_TRUE(sb.wait_log("ACM device disappear, atcmder_VuartRx_thread will die!", kLongWait));
-    ASSERT_TRUE(usb_events(2));
-    EXPECT_EQ(usb_pairs().back(), (Pair{0, -1}));
-    EXPECT_TRUE(wait_until([] { return link_load(g_VuartRx_thread) == 0; }, kLongWait));
-    ASSERT_TRUE(supervisor_caught_up(sb));
-    EXPECT_EQ(mode(), AT_MODE_NONE);
-    EXPECT_EQ(count_in_log(sb, "handling thread got signal 12"), 1u);
-    EXPECT_EQ(count_in_log(sb, "receive data is +VER"), 0u);  // the half line is never parsed
-}
-
-TEST_F(UsbLinkTest, ReceivedBytesAreFramedIntoLinesAndOverlongInputIsDropped) {
-    Pty &acm = port(sb, 3);
-    open();
-    ASSERT_TRUE(usb_events(1));
-
-    acm.write("+VER=1.0");
-    acm.write("\r\n");
-    ASSERT_TRUE(sb.wait_log("Vuart receive data length is 10, receive data is +VER=1.0\r\n",
-                            kLongWait));
-    acm.write(std::string(600, 'x'));
-    ASSERT_TRUE(sb.wait_log("Vuart receive data length is too long, skip it", kLongWait));
-    acm.write("+SN=QV1\r\n");
-    ASSERT_TRUE(sb.wait_log("+SN=QV1\r\n", kLongWait));
-    EXPECT_EQ(count_in_log(sb, "receive data is +VER=1.0"), 1u);
-    const std::string log = sb.log_text();
-    EXPECT_NE(log.find("atcmder_VuartRx_thread:"), std::string::npos);
-}
