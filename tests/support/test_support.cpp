@@ -168,8 +168,10 @@ std::string Pty::read_until(const std::function<bool(const std::string &)> &done
 
 
 Recorder &Recorder::instance() {
-    static Recorder recorder;
-    return recorder;
+    // Never destroyed: module threads (hotplug, supervisor) may still call back while the
+    // process exits.
+    static Recorder *const recorder = new Recorder;
+    return *recorder;
 }
 
 namespace {
