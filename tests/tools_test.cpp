@@ -287,7 +287,102 @@ std::string run_console(const std::string &args, const std::string &script, int 
     return out;
 }
 
+// The console's JSON lines, searched in order: each step must come after the one before.
+struct Transcript {
+    std::string text;
+    size_t at = 0;
+    bool next(const std::string &what) {
+        const size_t found = text.find(what, at);
+        if (found == std::string::npos) return false;
+        at = found + what.size();
+        return true;
+    }
+};
+
+std::string message(const char *name, int seq, const std::string &value) {
+    return std::string("\"name\":\"") + name + "\",\"seq_num\":" + std::to_string(seq) + ",\"value\":" + value;
+}
+
+std::string acc_line(const char *dir, const std::string &line) {
+    return std::string("\"link\":\"usb\",\"dir\":\"") + dir + "\",\"text\":\"" + line + "\"";
+}
+
+// Plugs the simulated accessory and waits for the end of the module's start-up interrogation.
+constexpr const char kPlugged[] =
+    "setprop net.bluetooth.macaddr 11:22:33:44:55:66\nacc plug 3\nwait VER 8000\n";
+
 }  // namespace
+
+TEST(ConsoleEndToEndTest, UsbStorylinePlugIdentityReportTimeoutQuestionsUnplug) {
+    Sandbox sb;
+    int status = -1;
+    const std::string out = run_console("--sim --json",
+                                        std::string(kPlugged) +
+                                            "acc report bat\nwait BATCG 3000\n"
+                                            "acc silent +SN\nquery sn\nwait ERROR=-110 3000\n"
+                                            "acc ask state\nwait-acc +STATE=IDLE 3000\n"
+                                            "acc ask mac\nwait-acc AT+BTMAC= 3000\n"
+                                            "acc unplug\nwait USBSTATE=0,-1 5000\n",
+                                        &status);
+    ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << out;
+    Transcript t{out};
+    EXPECT_TRUE(t.next(acc_line("<-", "AT+TYPE?#15&1"))) << out;
+    EXPECT_TRUE(t.next(message("TYPE", 15, "\"KV4410C\""))) << out;
+    EXPECT_TRUE(t.next(message("VER", 11, "[\"1.2.0\",\"0.9\",\"B2\",\"3.1.7\""))) << out;
+    EXPECT_TRUE(t.next(message("BATCG", 0, "[99,1,4120,250,1,1]"))) << out;
+    for (int sent = 0; sent < 3; ++sent) EXPECT_TRUE(t.next(acc_line("<-", "AT+SN?#100&1"))) << sent;
+    EXPECT_TRUE(t.next(message("ERROR", 100, "[-110]"))) << out;
+    EXPECT_TRUE(t.next(acc_line("<-", "+STATE=IDLE"))) << out;
+    EXPECT_TRUE(t.next(acc_line("<-", "AT+BTMAC=11:22:33:44:55:66#7&1"))) << out;
+    EXPECT_TRUE(t.next(message("USBSTATE", 0, "[0,-1]"))) << out;
+}
+
+TEST(ConsoleEndToEndTest, BurstOfReportsReachesTheCallbackInOrder) {
+    Sandbox sb;
+    int status = -1;
+    constexpr int kBurst = 60;
+    const std::string out = run_console(
+        "--sim --json", std::string(kPlugged) + "acc report hall " + std::to_string(kBurst) +
+                            "\nwait HALLCG=0,0," + std::to_string(kBurst) + " 8000\n",
+        &status);
+    ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << out;
+    Transcript t{out};
+    for (int n = 1; n <= kBurst; ++n) {
+        ASSERT_TRUE(t.next(message("HALLCG", 0, "[" + std::to_string(n % 2) + ",0," + std::to_string(n) + "]")))
+            << "report " << n << " missing or out of order";
+    }
+}
+
+TEST(ConsoleEndToEndTest, FaultsProduceTheModulesReactions) {
+    Sandbox sb;
+    int status = -1;
+    const std::string out = run_console(
+        "--sim --json",
+        std::string(kPlugged) +
+            "acc split\nquery type\nwait TYPE=KV4410C 3000\nacc split off\n"      // seq 100: joined
+            "acc garbage 40\nquery sn\nwait SN 3000\n"                               // seq 101: still parsed
+            "acc overlong 600\nquery sid\nwait SID 3000\n"                           // seq 102: after the drop
+            "acc delay 150\nquery screen\nwait-acc AT+SCREEN?#103&1 3000\nsleep 600\nacc delay 0\n"
+            "acc unplug-at 0 300\nwait USBSTATE=0,-1 5000\nwait USBSTATE 5000\nwait VER 5000\n",
+        &status);
+    ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << out;
+    Transcript t{out};
+    EXPECT_TRUE(t.next(message("TYPE", 100, "\"KV4410C\""))) << out;
+    EXPECT_TRUE(t.next(message("SN", 101, "\"SN20260001\""))) << out;
+    EXPECT_TRUE(t.next(message("SID", 102, "\"SID7A1D5101\""))) << out;
+    // An answer later than the module's time-out: resent, then answered, never reported lost.
+    EXPECT_TRUE(t.next(acc_line("<-", "AT+SCREEN?#103&1"))) << out;
+    EXPECT_TRUE(t.next(acc_line("<-", "AT+SCREEN?#103&1"))) << out;
+    EXPECT_TRUE(t.next(message("SCREEN", 103, "[1]"))) << out;
+    EXPECT_EQ(out.find(message("ERROR", 103, "[-110]")), std::string::npos) << out;
+    // Pulled and plugged back: the module sees both and asks again.
+    EXPECT_TRUE(t.next(message("USBSTATE", 0, "[0,-1]"))) << out;
+    EXPECT_TRUE(t.next(acc_line("<-", "AT+TYPE?#15&1"))) << out;
+    EXPECT_TRUE(t.next(message("VER", 11, "["))) << out;
+    const std::string log = sb.log_text();
+    EXPECT_NE(log.find("is not supported"), std::string::npos);  // the garbage line, rejected
+    EXPECT_NE(log.find("too long"), std::string::npos);          // the over-long line, dropped
+}
 
 TEST(ConsoleTest, ScriptInJsonLinesReportsTheUnansweredQueryAndFailsOnABadCommand) {
     Sandbox sb;

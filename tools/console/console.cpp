@@ -10,6 +10,7 @@
 #include <string.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
@@ -48,10 +49,12 @@ struct ConsoleState {
     std::condition_variable msg_arrived;
     std::vector<DecodedMessage> messages;
     std::map<int, size_t> cursors;  // per msg_id: messages before this index are consumed
+    size_t mark = 0;                // messages before the last action are not waited for
 
     AccSim *acc = nullptr;
     DaemonSim *daemon = nullptr;
     std::atomic<bool> relay{true};  // set by the main thread, read by the daemon's reporter
+    size_t acc_mark = 0;  // lines the accessory had received before the last action
     int failures = 0;
     uint16_t next_seq = kFirstSeq;
 };
@@ -99,12 +102,11 @@ std::string plain_value(const DecodedMessage &m) {
 
 void on_message(const AT_CMD_CbMsg_t *msg) {
     const DecodedMessage m = decode_message(msg);
-    {
-        std::lock_guard<std::mutex> lock(g.msg_mu);
-        g.messages.push_back(m);
-        g.msg_arrived.notify_all();
-    }
+    // Printed before a "wait" can see it, so that a script ending on that wait shows it.
     emit("msg   " + message_text(m), message_json(m));
+    std::lock_guard<std::mutex> lock(g.msg_mu);
+    g.messages.push_back(m);
+    g.msg_arrived.notify_all();
 }
 
 void on_acc_event(void *, AccLink link, const char *dir, const std::string &text) {
@@ -278,7 +280,7 @@ CommandResult cmd_wait(const std::vector<std::string> &w) {
     const std::string value = eq == std::string::npos ? "" : spec.substr(eq + 1);
     std::unique_lock<std::mutex> lock(g.msg_mu);
     const bool found = g.msg_arrived.wait_for(lock, std::chrono::milliseconds(int_arg(w, 2, kDefaultWaitMs)), [&] {
-        for (size_t i = g.cursors[id]; i < g.messages.size(); ++i) {
+        for (size_t i = std::max(g.cursors[id], g.mark); i < g.messages.size(); ++i) {
             const DecodedMessage &m = g.messages[i];
             if (m.msg_id == id && (eq == std::string::npos || plain_value(m) == value)) {
                 g.cursors[id] = i + 1;
@@ -292,7 +294,7 @@ CommandResult cmd_wait(const std::vector<std::string> &w) {
 
 CommandResult cmd_wait_acc(const std::vector<std::string> &w) {
     if (g.acc == nullptr || w.size() < 2) return fail("usage: wait-acc TEXT [MS] (with --sim)");
-    return acc_sim_wait_received(g.acc, w[1], int_arg(w, 2, kDefaultWaitMs))
+    return acc_sim_wait_received(g.acc, w[1], int_arg(w, 2, kDefaultWaitMs), g.acc_mark)
                ? ok()
                : fail("timed out waiting for the accessory to receive " + w[1]);
 }
@@ -375,38 +377,50 @@ CommandResult cmd_close(const std::vector<std::string> &) {
 
 CommandResult cmd_help(const std::vector<std::string> &) { return ok(console_help()); }
 
+void mark_step();
+
 struct ConsoleCommand {
     const char *name;
     const char *usage;
     CommandResult (*run)(const std::vector<std::string> &);
+    // An action starts a new step: what arrived before it no longer satisfies a wait.
+    bool action;
 };
 
 constexpr ConsoleCommand kCommands[] = {
-    {"help", "help                      this list", cmd_help},
-    {"send", "send AT-LINE              hand a raw AT line to the module (CR LF added)", cmd_send},
-    {"query", "query NAME                ask the accessory (ver, sn, sid, type, bat, state, ...)", cmd_query},
-    {"info", "info                      the start-up interrogation (get_corvel_info)", cmd_info},
-    {"handshake", "handshake                 the handshake with the accessory's SoC", cmd_handshake},
-    {"wifi-init", "wifi-init IP              start the Wi-Fi link through the daemon", cmd_wifi_init},
-    {"wifi-down", "wifi-down                 disconnect Wi-Fi (wifi_stchange 0)", cmd_wifi_state},
-    {"wifi-state", "wifi-state N              wifi_stchange(N)", cmd_wifi_state},
-    {"daemon", "daemon STATUS             relay a daemon status (running, heartbeat:N, error)", cmd_daemon},
-    {"relay", "relay on|off              relay the daemon simulator's reports (default on)", cmd_relay},
-    {"devinfo", "devinfo                   print the accessory information record", cmd_devinfo},
-    {"status", "status                    platform, cast mode, Wi-Fi and USB state", cmd_status},
-    {"loglevel", "loglevel [N]              read or set the module's log level", cmd_loglevel},
-    {"setprop", "setprop KEY VALUE         set a system property", cmd_setprop},
-    {"getprop", "getprop KEY               read a system property", cmd_getprop},
-    {"acc", "acc COMMAND               accessory simulator (acc help lists)", cmd_acc},
-    {"dsim", "dsim COMMAND              daemon simulator: silent, resume, error, status", cmd_dsim},
-    {"wait", "wait NAME[=VALUE] [MS]    wait for the next message of a kind", cmd_wait},
-    {"wait-acc", "wait-acc TEXT [MS]        wait until the accessory receives a line with TEXT", cmd_wait_acc},
-    {"wait-log", "wait-log MS TEXT          wait until the module logs TEXT again", cmd_wait_log},
-    {"echo", "echo TEXT                 print a note", cmd_echo},
-    {"sleep", "sleep MS                  pause", cmd_sleep},
-    {"summary", "summary                   messages by kind, lines, resends, time-outs", cmd_summary},
-    {"close", "close                     close the device (ends the process)", cmd_close},
+    {"help", "help                      this list", cmd_help, false},
+    {"send", "send AT-LINE              hand a raw AT line to the module (CR LF added)", cmd_send, true},
+    {"query", "query NAME                ask the accessory (ver, sn, sid, type, bat, state, ...)", cmd_query, true},
+    {"info", "info                      the start-up interrogation (get_corvel_info)", cmd_info, true},
+    {"handshake", "handshake                 the handshake with the accessory's SoC", cmd_handshake, true},
+    {"wifi-init", "wifi-init IP              start the Wi-Fi link through the daemon", cmd_wifi_init, true},
+    {"wifi-down", "wifi-down                 disconnect Wi-Fi (wifi_stchange 0)", cmd_wifi_state, true},
+    {"wifi-state", "wifi-state N              wifi_stchange(N)", cmd_wifi_state, true},
+    {"daemon", "daemon STATUS             relay a daemon status (running, heartbeat:N, error)", cmd_daemon, true},
+    {"relay", "relay on|off              relay the daemon simulator's reports (default on)", cmd_relay, true},
+    {"devinfo", "devinfo                   print the accessory information record", cmd_devinfo, false},
+    {"status", "status                    platform, cast mode, Wi-Fi and USB state", cmd_status, false},
+    {"loglevel", "loglevel [N]              read or set the module's log level", cmd_loglevel, true},
+    {"setprop", "setprop KEY VALUE         set a system property", cmd_setprop, true},
+    {"getprop", "getprop KEY               read a system property", cmd_getprop, false},
+    {"acc", "acc COMMAND               accessory simulator (acc help lists)", cmd_acc, true},
+    {"dsim", "dsim COMMAND              daemon simulator: silent, resume, error, status", cmd_dsim, true},
+    {"wait", "wait NAME[=VALUE] [MS]    wait for the next message of a kind", cmd_wait, false},
+    {"wait-acc", "wait-acc TEXT [MS]        wait until the accessory receives a line with TEXT", cmd_wait_acc, false},
+    {"wait-log", "wait-log MS TEXT          wait until the module logs TEXT again", cmd_wait_log, false},
+    {"echo", "echo TEXT                 print a note", cmd_echo, false},
+    {"sleep", "sleep MS                  pause", cmd_sleep, false},
+    {"summary", "summary                   messages by kind, lines, resends, time-outs", cmd_summary, false},
+    {"close", "close                     close the device (ends the process)", cmd_close, true},
 };
+
+void mark_step() {
+    {
+        std::lock_guard<std::mutex> lock(g.msg_mu);
+        g.mark = g.messages.size();
+    }
+    if (g.acc != nullptr) g.acc_mark = acc_sim_received(g.acc).size();
+}
 
 }  // namespace
 
@@ -437,7 +451,9 @@ CommandResult console_run(const std::string &line) {
     }
     CommandResult r = fail("unknown command \"" + words[0] + "\" (help lists them)");
     for (const ConsoleCommand &c : kCommands) {
-        if (words[0] == c.name) r = c.run(words);
+        if (words[0] != c.name) continue;
+        if (c.action) mark_step();
+        r = c.run(words);
     }
     if (words[0] == "acc" && words.size() > 1 && words[1] == "help") r = ok(acc_command_help());
     if (!r.ok) g.failures++;
