@@ -15,6 +15,7 @@
 
 #include "engine/engine.h"
 #include "hal/hal.h"
+#include "hal/link_words.h"
 #include "log/atcmd_log.h"
 #include "serial/serial.h"
 #include "supervision/supervision.h"
@@ -42,7 +43,7 @@ constexpr WiredLink kVuart = {&g_vuart_fd, VUART_Send, ATCMDER_TX_VUART_CLOSED, 
                               "Vuart successfully send cmd len is %zu, data is %s"};
 
 uint32_t send_wired(const WiredLink &link, const char *text) {
-    const int32_t fd = *link.fd;
+    const int32_t fd = link_load(*link.fd);  // the supervisor replaces it on plug and unplug
     if (fd == -1) {
         ATCMD_LOG(0, "%s", link.not_open);
         return link.closed_status;
@@ -157,7 +158,7 @@ void *atcmder_Tx_thread(void * /*arg*/) {
             if (awaits_answer(cmd, g_patcmd_dev->system_status.platform)) watch_for_answer(&cmd);
             if (atcmder_Tx_process(&cmd) == ATCMDER_TX_OK) {
                 ATCMD_LOG(3, "atcmder_Tx_thread send cmd success,dest is %u, mode is %d, cmd is %s",
-                          cmd.dest, g_patcmd_dev->system_status.mode, text);
+                          cmd.dest, link_load(g_patcmd_dev->system_status.mode), text);
             }
         }
     }
@@ -175,7 +176,7 @@ uint32_t atcmder_Tx_process(AtCmder_t *cmd) {
         return ATCMDER_TX_OK;
     }
     const int32_t platform = dev->system_status.platform;
-    const int32_t mode = dev->system_status.mode;
+    const int32_t mode = link_load(dev->system_status.mode);
     for (const ChannelRule &rule : kChannels) {
         if (rule.platform == platform && matches(rule.mode, mode) && matches(rule.dest, cmd->dest)) {
             return rule.send(cmd->data);

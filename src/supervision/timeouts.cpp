@@ -14,6 +14,7 @@
 
 #include "engine/engine.h"
 #include "hal/hal.h"
+#include "hal/link_words.h"
 #include "log/atcmd_log.h"
 #include "supervision/supervision.h"
 
@@ -87,7 +88,7 @@ void notify_error(uint16_t seq_num, int32_t error) {
 
 uint32_t Init_TimeoutPara(void) {
     const bool wifi_server = g_patcmd_dev->system_status.platform == PLATFORM_VUART &&
-                             g_patcmd_dev->system_status.mode == AT_MODE_WIFI;
+                             link_load(g_patcmd_dev->system_status.mode) == AT_MODE_WIFI;
     g_timeout = wifi_server ? ATCMD_TIMEOUT_WIFI_SERVER : ATCMD_TIMEOUT_DEFAULT;
     return g_timeout;
 }
