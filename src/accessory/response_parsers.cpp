@@ -310,7 +310,8 @@ void decide_model() {
         }
     }
     g_corvel_devInfo.model = model;
-    ATCMD_LOG(kValueLevel, "TYPE_parser g_corvel_devInfo.model is %d", model);
+    ATCMD_LOG_AS("TYPE_parser", LOG_TAG, kValueLevel, "TYPE_parser g_corvel_devInfo.model is %d",
+                 model);
 }
 
 // BTMAC and BLEMAC fill the same field; the MAC is told upward only on its own platform.
@@ -362,8 +363,9 @@ uint32_t parse_local_text(const LocalTextRow &row, AtCmder_t *cmd, const char *p
 void check_loopback(const AtCmder_t *cmd, const char *text) {
     const char *expected = atcmd_ptest_pattern(cmd->seq_num);
     if (memcmp(text, expected, kPtestCompareLen) != 0) {
-        ATCMD_LOG(kValueLevel, "PTEST_parser error happens, result is %s, string should be %s",
-                  text, expected);
+        ATCMD_LOG_AS("PTEST_parser", LOG_TAG, kValueLevel,
+                     "PTEST_parser error happens, result is %s, string should be %s", text,
+                     expected);
     }
 }
 

@@ -45,12 +45,12 @@ constexpr WiredLink kVuart = {&g_vuart_fd, VUART_Send, ATCMDER_TX_VUART_CLOSED, 
 uint32_t send_wired(const WiredLink &link, const char *text) {
     const int32_t fd = link_load(*link.fd);  // the supervisor replaces it on plug and unplug
     if (fd == -1) {
-        ATCMD_LOG(0, "%s", link.not_open);
+        ATCMD_LOG_AS("atcmder_Tx_process", LOG_TAG, 0, "%s", link.not_open);
         return link.closed_status;
     }
     const size_t len = strlen(text);
     link.send(fd, text, len);  // a failed send is left to the time-out and resend
-    ATCMD_LOG(4, link.sent_format, len, text);
+    ATCMD_LOG_AS("atcmder_Tx_process", LOG_TAG, 4, link.sent_format, len, text);
     return ATCMDER_TX_OK;
 }
 
@@ -70,14 +70,14 @@ bool write_fifo(const char *text) {
 // Platform 2, the Wi-Fi client side.
 uint32_t send_wifi_client(const char *text) {
     if (g_fifo_tx_fd == -1) {
-        ATCMD_LOG(0, "wifi fifo is not opened!");
+        ATCMD_LOG_AS("atcmder_Tx_process", LOG_TAG, 0, "wifi fifo is not opened!");
         return ATCMDER_TX_WIFI_CLOSED;
     }
     if (!write_fifo(text)) {
-        ATCMD_LOG(0, "wifi fifotx fails to write data %s", text);
+        ATCMD_LOG_AS("atcmder_Tx_process", LOG_TAG, 0, "wifi fifotx fails to write data %s", text);
         return ATCMDER_TX_WIFI_WRITE_FAILED;
     }
-    ATCMD_LOG(4, "wifi fifotx successfully send data %s", text);
+    ATCMD_LOG_AS("atcmder_Tx_process", LOG_TAG, 4, "wifi fifotx successfully send data %s", text);
     return ATCMDER_TX_OK;
 }
 
@@ -85,13 +85,14 @@ uint32_t send_wifi_client(const char *text) {
 // so a failure shows both lines; the two branches keep their own texts.
 uint32_t send_wifi_server(const char *text) {
     if (g_fifo_tx_fd == -1) {
-        ATCMD_LOG(0, "wifi fifo is not opened!");
+        ATCMD_LOG_AS("atcmder_Tx_process", LOG_TAG, 0, "wifi fifo is not opened!");
         return ATCMDER_TX_WIFI_CLOSED;
     }
     const bool written = write_fifo(text);
-    ATCMD_LOG(4, "wifi fifotx successfully send data %s", text);
+    ATCMD_LOG_AS("atcmder_Tx_process", LOG_TAG, 4, "wifi fifotx successfully send data %s", text);
     if (!written) {
-        ATCMD_LOG(0, "atcmder_Tx_process fifotx fail to send data %s", text);
+        ATCMD_LOG_AS("atcmder_Tx_process", LOG_TAG, 0,
+                     "atcmder_Tx_process fifotx fail to send data %s", text);
         return ATCMDER_TX_WIFI_WRITE_FAILED;
     }
     return ATCMDER_TX_OK;
@@ -129,7 +130,7 @@ void watch_for_answer(AtCmder_t *cmd) {
     cmd->tv_usec = static_cast<int32_t>(now.tv_usec);
     atcmder_enqueue(&Timeout_head, &g_timeoutqueue_mutex, cmd);
     pthread_cond_signal(&timeoutbuffer_notempty);
-    ATCMD_LOG(4, "Timeout buf enqueued cmd %s", cmd->data);
+    ATCMD_LOG_AS("atcmder_Tx_thread", LOG_TAG, 4, "Timeout buf enqueued cmd %s", cmd->data);
 }
 
 // A Wi-Fi peer that closed its end of the FIFO must not end the hosting process: with SIGPIPE

@@ -50,14 +50,16 @@ void expire(struct atcmder_node *node) {
     cmd->data = node->buf;
     if (cmd->resendtimes < kMaxResends) {
         cmd->resendtimes++;
-        ATCMD_LOG(4, "Re-send timeout cmd: %d times: %d data: %s", cmd->seq_num, cmd->resendtimes,
-                  node->buf);
+        ATCMD_LOG_AS("atcmder_Timeout_thread", LOG_TAG, 4,
+                     "Re-send timeout cmd: %d times: %d data: %s", cmd->seq_num, cmd->resendtimes,
+                     node->buf);
         // A failed enqueue loses this request; the element is dropped all the same.
         atcmder_send_to_tx(cmd);
     } else {
         notifytimeout(cmd);
-        ATCMD_LOG(4, "No. %d atcmd has been removed since timeout, data is %s", cmd->seq_num,
-                  node->buf);
+        ATCMD_LOG_AS("atcmder_Timeout_thread", LOG_TAG, 4,
+                     "No. %d atcmd has been removed since timeout, data is %s", cmd->seq_num,
+                     node->buf);
     }
 }
 
