@@ -58,13 +58,20 @@ bool start_missing(pthread_t *handle, void *(*body)(void *)) {
     return ok;
 }
 
+// Closes the accessory's port and marks it closed. The VUART receive thread may be blocked in a
+// read of it and the transmit thread may be writing it: they see -1 on their next pass, which
+// is how both learn that the port went away.
+__attribute__((noinline)) void close_accessory_port(void) {
+    const int32_t old_fd = link_load(g_vuart_fd);
+    link_store(g_vuart_fd, -1);
+    if (old_fd != -1) close(old_fd);
+}
+
 // SIGUSR1: the accessory's port appeared. An earlier port is always dropped first.
 void on_plug(struct atcmdprocess_device *dev) {
     if (corvel_plugged() != 1) return;
     SUPERVISOR_LOG(4, "hot pluged device is corvel.");
-    const int32_t old_fd = link_load(g_vuart_fd);
-    link_store(g_vuart_fd, -1);
-    if (old_fd != -1) close(old_fd);
+    close_accessory_port();
     int32_t fd = -1;
     if (VUART_init(&fd, link_load(g_dev_ACM)) != 0) return;  // stays closed until the next plug
     link_store(g_vuart_fd, fd);
@@ -84,9 +91,7 @@ void on_unplug(struct atcmdprocess_device *dev) {
     link_store(dev->usb_status, -1);
     link_store(dev->usb_connected, 0);
     notify_usbevent();
-    const int32_t old_fd = link_load(g_vuart_fd);
-    link_store(g_vuart_fd, -1);
-    if (old_fd != -1) close(old_fd);
+    close_accessory_port();
     const bool wifi_wanted = link_load(dev->system_status.wifi_status) == 1;
     link_store(dev->system_status.mode,
                static_cast<int32_t>(wifi_wanted ? AT_MODE_WIFI : AT_MODE_NONE));
