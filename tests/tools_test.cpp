@@ -409,3 +409,49 @@ TEST(ConsoleTest, CommandLineDrivesTheDeviceOperationsAndPropertyStore) {
     EXPECT_NE(out.find("model 0"), std::string::npos) << out;
     EXPECT_NE(out.find("log_level 3"), std::string::npos) << out;
 }
+
+TEST(ConsoleEndToEndTest, WifiComesUpThroughTheDaemonRestartsOnErrorAndGoesDown) {
+    Sandbox sb;
+    int status = -1;
+    const std::string out = run_console("--sim --json",
+                                        "wifi-init 192.168.43.1\nwait WIFICON=1 5000\n"
+                                        "acc report temp 1 wifi\nwait HRM 3000\n"
+                                        "dsim error\nwait WIFICON=0 3000\nwait WIFICON=1 8000\n"
+                                        "wifi-down\nwait WIFICON=0 5000\n",
+                                        &status);
+    ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << out;
+    Transcript t{out};
+    EXPECT_TRUE(t.next("started (start_server)")) << out;
+    EXPECT_TRUE(t.next("report \\\"running\\\"")) << out;
+    EXPECT_TRUE(t.next(message("WIFICON", 0, "[1]"))) << out;
+    EXPECT_TRUE(t.next("\"link\":\"wifi\",\"dir\":\"->\",\"text\":\"+HRM=36,41\"")) << out;
+    EXPECT_TRUE(t.next(message("HRM", 0, "[36,41]"))) << out;
+    // "error": the module tells the upper layer, stops the daemon in order and starts it again.
+    EXPECT_TRUE(t.next(message("WIFICON", 0, "[0]"))) << out;
+    EXPECT_TRUE(t.next("exit requested on fifo_cmd")) << out;
+    EXPECT_TRUE(t.next("started (start_server)")) << out;
+    EXPECT_TRUE(t.next(message("WIFICON", 0, "[1]"))) << out;
+    EXPECT_TRUE(t.next("exit requested on fifo_cmd")) << out;
+    EXPECT_TRUE(t.next(message("WIFICON", 0, "[0]"))) << out;
+    EXPECT_EQ(sb.property("vendor.hid_sts"), "exit");
+    EXPECT_EQ(sb.property("vendor.corvel.timesync"), "disable");
+}
+
+// The README's main job: the whole demonstration, heartbeat loss included, every step met.
+TEST(ConsoleEndToEndTest, DemonstrationScriptRunsEveryStep) {
+    Sandbox sb;
+    int status = -1;
+    const std::string script = read_file(ATCMD_TEST_DIR "/../tools/demo/demo.atcmd");
+    ASSERT_FALSE(script.empty());
+    const std::string out = run_console("--sim", script, &status);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << out;
+    EXPECT_EQ(out.find("error:"), std::string::npos) << out;
+    Transcript t{out};
+    for (const char *step : {"TYPE (msg_id 15) seq 15: \"KV4410C\"", "BATCG (msg_id 26)",
+                             "ERROR (msg_id 24) seq 100: -110", "<- +STATE=IDLE", "WIFICON (msg_id 18) seq 0: 1",
+                             "report \"heartbeat:2\"", "exit requested on fifo_cmd", "WIFICON (msg_id 18) seq 0: 1",
+                             "WIFICON (msg_id 18) seq 0: 0", "USBSTATE (msg_id 16) seq 0: connected 0 status -1",
+                             "summary: resends 2, time-outs 1"}) {
+        EXPECT_TRUE(t.next(step)) << step << "\n" << out;
+    }
+}
