@@ -45,19 +45,20 @@ struct TimedEvent {
     int interval_ms;   // Report: the period
 };
 
-// Reads the identity's answer value for a query keyword.
-struct AnswerRow {
+// The identity's fields: the name a person sets them by, and the query keyword they answer.
+struct IdentityRow {
+    const char *name;
     const char *keyword;
     std::string AccIdentity::*field;
 };
 
-constexpr AnswerRow kAnswers[] = {
-    {"+TYPE", &AccIdentity::type},         {"+SN", &AccIdentity::sn},
-    {"+SID", &AccIdentity::sid},           {"+BAT", &AccIdentity::bat},
-    {"+STATE", &AccIdentity::state},       {"+USBSTATE", &AccIdentity::usbstate},
-    {"+SCREEN", &AccIdentity::screen},     {"+MICMODE", &AccIdentity::micmode},
-    {"+BLEMAC", &AccIdentity::mac},        {"+BTMAC", &AccIdentity::mac},
-    {"+MODE", &AccIdentity::castmode},
+constexpr IdentityRow kIdentity[] = {
+    {"type", "+TYPE", &AccIdentity::type},         {"sn", "+SN", &AccIdentity::sn},
+    {"sid", "+SID", &AccIdentity::sid},            {"bat", "+BAT", &AccIdentity::bat},
+    {"state", "+STATE", &AccIdentity::state},      {"usbstate", "+USBSTATE", &AccIdentity::usbstate},
+    {"screen", "+SCREEN", &AccIdentity::screen},   {"micmode", "+MICMODE", &AccIdentity::micmode},
+    {"mac", "+BLEMAC", &AccIdentity::mac},         {"mac", "+BTMAC", &AccIdentity::mac},
+    {"castmode", "+MODE", &AccIdentity::castmode},
 };
 
 struct Question {
@@ -107,13 +108,7 @@ void note(AccSim *s, AccLink link, const char *dir, const std::string &text) {
     if (s->observer != nullptr) s->observer(s->ctx, link, dir, text);
 }
 
-void wake_thread(AccSim *s) {
-    const char b = 1;
-    ssize_t r;
-    do {
-        r = write(s->wake[1], &b, 1);
-    } while (r < 0 && errno == EINTR);
-}
+void wake_thread(AccSim *s) { poke_pipe(s->wake[1]); }
 
 int link_fd(AccSim *s, AccLink link) { return link == AccLink::Usb ? s->master : s->wifi_out; }
 
@@ -150,7 +145,7 @@ std::string answer_for(const AccIdentity &id, const std::string &keyword, std::s
     // item still ends at a "#".
     if (tail.empty()) tail = "#0&1";
     if (keyword == "+VER") return "+VER=" + version_payload(id) + tail + "\r\n";
-    for (const AnswerRow &row : kAnswers) {
+    for (const IdentityRow &row : kIdentity) {
         if (keyword == row.keyword) return keyword + "=" + id.*row.field + tail + "\r\n";
     }
     return "";
@@ -317,12 +312,6 @@ void read_link_locked(AccSim *s, AccLink link, int fd) {
     }
 }
 
-void drain_wake(int fd) {
-    char buf[64];
-    while (read(fd, buf, sizeof buf) > 0) {
-    }
-}
-
 void sim_loop(AccSim *s) {
     prctl(PR_SET_NAME, "acc_sim");
     std::unique_lock<std::mutex> lock(s->mu);
@@ -333,7 +322,7 @@ void sim_loop(AccSim *s) {
         const int r = poll(fds, 3, timeout);
         lock.lock();
         if (r <= 0) continue;
-        if (fds[0].revents != 0) drain_wake(s->wake[0]);
+        if (fds[0].revents != 0) drain_pipe(s->wake[0]);
         // The descriptors may have changed while unlocked: only read those still in place.
         if (fds[1].revents != 0 && fds[1].fd == s->master && s->master >= 0) read_link_locked(s, AccLink::Usb, s->master);
         if (fds[2].revents != 0 && fds[2].fd == s->wifi_in && s->wifi_in >= 0) read_link_locked(s, AccLink::Wifi, s->wifi_in);
@@ -341,6 +330,29 @@ void sim_loop(AccSim *s) {
 }
 
 }  // namespace
+
+bool acc_identity_set(AccIdentity *id, const std::string &name, const std::string &value) {
+    for (const IdentityRow &row : kIdentity) {
+        if (name == row.name) {
+            id->*row.field = value;
+            return true;
+        }
+    }
+    // ver0 .. ver6: the seven version items, each "name:value".
+    if (name.size() == 4 && name.compare(0, 3, "ver") == 0 && name[3] >= '0' && name[3] <= '6') {
+        id->ver[static_cast<size_t>(name[3] - '0')] = value;
+        return true;
+    }
+    return false;
+}
+
+std::string acc_identity_names() {
+    std::string out;
+    for (const IdentityRow &row : kIdentity) {
+        if (out.find(row.name) == std::string::npos) out += std::string(row.name) + " ";
+    }
+    return out + "ver0..ver6";
+}
 
 AccSim *acc_sim_create(const AccIdentity &identity, AccObserver observer, void *ctx) {
     auto *s = new AccSim;

@@ -30,6 +30,10 @@ struct AccIdentity {
     std::string castmode = "0";
 };
 
+// Sets one identity field by name ("type", "sn", "ver3", "bat", ...); false for an unknown name.
+bool acc_identity_set(AccIdentity *id, const std::string &name, const std::string &value);
+std::string acc_identity_names();
+
 // Which link a line travels on.
 enum class AccLink { Usb, Wifi };
 

@@ -208,11 +208,7 @@ void watch_loop(DaemonSim *d) {
         const int r = poll(fds, 3, timeout);
         lock.lock();
         if (r <= 0) continue;
-        if (fds[0].revents != 0) {
-            char drain[64];
-            while (read(d->wake[0], drain, sizeof drain) > 0) {
-            }
-        }
+        if (fds[0].revents != 0) drain_pipe(d->wake[0]);
         if (fds[1].revents != 0) read_inotify_locked(d);
         if (fds[2].revents != 0 && cmd_fd == d->fifo_cmd && d->fifo_cmd >= 0) read_fifo_cmd_locked(d);
     }
@@ -234,13 +230,7 @@ void report_loop(DaemonSim *d) {
     }
 }
 
-void wake(DaemonSim *d) {
-    const char b = 1;
-    ssize_t r;
-    do {
-        r = write(d->wake[1], &b, 1);
-    } while (r < 0 && errno == EINTR);
-}
+void wake(DaemonSim *d) { poke_pipe(d->wake[1]); }
 
 }  // namespace
 

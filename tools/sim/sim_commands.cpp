@@ -154,19 +154,6 @@ constexpr DaemonCommand kDaemonCommands[] = {
      }},
 };
 
-struct IdentityRow {
-    const char *name;
-    std::string AccIdentity::*field;
-};
-
-constexpr IdentityRow kIdentity[] = {
-    {"type", &AccIdentity::type},       {"sn", &AccIdentity::sn},
-    {"sid", &AccIdentity::sid},         {"bat", &AccIdentity::bat},
-    {"state", &AccIdentity::state},     {"usbstate", &AccIdentity::usbstate},
-    {"screen", &AccIdentity::screen},   {"micmode", &AccIdentity::micmode},
-    {"mac", &AccIdentity::mac},         {"castmode", &AccIdentity::castmode},
-};
-
 }  // namespace
 
 std::vector<std::string> split_words(const std::string &line) {
@@ -205,27 +192,6 @@ std::string daemon_command_help() {
     std::string out;
     for (const DaemonCommand &c : kDaemonCommands) out += std::string("  ") + c.usage + "\n";
     return out;
-}
-
-bool acc_identity_set(AccIdentity *id, const std::string &name, const std::string &value) {
-    for (const IdentityRow &row : kIdentity) {
-        if (name == row.name) {
-            id->*row.field = value;
-            return true;
-        }
-    }
-    // ver0 .. ver6: the seven version items, each "name:value".
-    if (name.size() == 4 && name.compare(0, 3, "ver") == 0 && name[3] >= '0' && name[3] <= '6') {
-        id->ver[static_cast<size_t>(name[3] - '0')] = value;
-        return true;
-    }
-    return false;
-}
-
-std::string acc_identity_names() {
-    std::string out;
-    for (const IdentityRow &row : kIdentity) out += std::string(row.name) + " ";
-    return out + "ver0..ver6";
 }
 
 }  // namespace atcmd_tools

@@ -30,10 +30,6 @@ CommandResult daemon_command(DaemonSim *sim, const std::vector<std::string> &wor
 std::string acc_command_help();
 std::string daemon_command_help();
 
-// Sets one identity field by name ("type", "sn", "ver3", "bat", ...); false for an unknown name.
-bool acc_identity_set(AccIdentity *id, const std::string &name, const std::string &value);
-std::string acc_identity_names();
-
 }  // namespace atcmd_tools
 
 #endif  // ATCMD_TOOLS_SIM_SIM_COMMANDS_H

@@ -63,6 +63,20 @@ bool write_text_file(const std::string &path, const std::string &text) {
     return ok;
 }
 
+void poke_pipe(int write_end) {
+    const char b = 1;
+    ssize_t r;
+    do {
+        r = write(write_end, &b, 1);
+    } while (r < 0 && errno == EINTR);
+}
+
+void drain_pipe(int read_end) {
+    char buf[64];
+    while (read(read_end, buf, sizeof buf) > 0) {
+    }
+}
+
 std::string rooted(const std::string &as_written) {
     char out[ATCMD_ROOTED_PATH_MAX];
     return atcmd_root_path(as_written.c_str(), out, sizeof out) == 0 ? out : "";

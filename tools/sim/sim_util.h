@@ -22,6 +22,9 @@ std::string trim_line_end(const std::string &line);
 bool make_dirs(const std::string &path);
 // Replaces the file's content with `text`.
 bool write_text_file(const std::string &path, const std::string &text);
+// A wake-up pipe: one byte in, everything out (both ends non-blocking).
+void poke_pipe(int write_end);
+void drain_pipe(int read_end);
 // The path as written, under the sandbox root; "" when it does not fit.
 std::string rooted(const std::string &as_written);
 
