@@ -112,6 +112,20 @@ protected:
         make_fifo(sb, "/dev/fifo_tx");
         dev = open_module();
         ASSERT_NE(dev, nullptr);
+        // The callback is installed after open started the threads. The supervisor's queries
+        // reach the time-out thread's notices through the transmit queue's lock; taking it once
+        // here orders the installed callback before all of them.
+        pthread_mutex_lock(&g_txqueue_mutex);
+        pthread_mutex_unlock(&g_txqueue_mutex);
+    }
+    // The supervisor's queries go out unanswered; their time-out notices must be over before
+    // the process (and the recorder) ends.
+    void TearDown() override {
+        EXPECT_TRUE(wait_until([] {
+            return atcmder_empty_queue(&Tx_head, &g_txqueue_mutex) == 1 &&
+                   atcmder_empty_queue(&Timeout_head, &g_timeoutqueue_mutex) == 1;
+        }, 10000));
+        Recorder::instance().clear();
     }
     void bring_up() {
         daemon.beating = true;

@@ -159,7 +159,7 @@ void *atcmder_Tx_thread(void * /*arg*/) {
             if (awaits_answer(cmd, g_patcmd_dev->system_status.platform)) watch_for_answer(&cmd);
             if (atcmder_Tx_process(&cmd) == ATCMDER_TX_OK) {
                 ATCMD_LOG(3, "atcmder_Tx_thread send cmd success,dest is %u, mode is %d, cmd is %s",
-                          cmd.dest, g_patcmd_dev->system_status.mode, text);
+                          cmd.dest, link_load(g_patcmd_dev->system_status.mode), text);
             }
         }
     }
@@ -177,7 +177,7 @@ uint32_t atcmder_Tx_process(AtCmder_t *cmd) {
         return ATCMDER_TX_OK;
     }
     const int32_t platform = dev->system_status.platform;
-    const int32_t mode = dev->system_status.mode;
+    const int32_t mode = link_load(dev->system_status.mode);
     for (const ChannelRule &rule : kChannels) {
         if (rule.platform == platform && matches(rule.mode, mode) && matches(rule.dest, cmd->dest)) {
             return rule.send(cmd->data);
