@@ -242,24 +242,17 @@ TEST_F(WifiLiveTest, MissingReceiveFifoIsReportedAndTheNextRunningReportRecovers
     expect_line_arrives("QV3");
 }
 
-TEST(WifiChannelTest, MissingFifoGivesCodeTenAndKeepsWhatOpened) {
-    struct Case {
-        bool rx, tx;
-        bool rx_open;
-    };
-    for (const Case &c : {Case{false, true, false}, Case{true, false, true}}) {
-        Sandbox sb;
-        log_file_init(ATCMD_LOG_DIR, ATCMD_LOG_FILE);
-        bare_device();
-        if (c.rx) make_fifo(sb, "/dev/fifo_rx");
-        if (c.tx) make_fifo(sb, "/dev/fifo_tx");
-        EXPECT_EQ(Socket_Fifo_Init(), 10);
-        EXPECT_TRUE(sb.wait_log("cannot open device: /dev/fifo_rx"));
-        EXPECT_EQ(g_fifo_rx_fd >= 0, c.rx_open);
-        EXPECT_EQ(epfd_socket, 0);
-        stop_wifi_channel();
-        EXPECT_EQ(g_fifo_rx_fd, -1);
-    }
+TEST(WifiChannelTest, MissingTransmitFifoGivesCodeTenAndKeepsTheReceiveFifoOpen) {
+    Sandbox sb;
+    log_file_init(ATCMD_LOG_DIR, ATCMD_LOG_FILE);
+    bare_device();
+    make_fifo(sb, "/dev/fifo_rx");
+    EXPECT_EQ(Socket_Fifo_Init(), 10);
+    EXPECT_TRUE(sb.wait_log("cannot open device: /dev/fifo_rx"));  // named whichever failed
+    EXPECT_GE(g_fifo_rx_fd, 0);
+    EXPECT_EQ(epfd_socket, 0);
+    stop_wifi_channel();
+    EXPECT_EQ(g_fifo_rx_fd, -1);
 }
 
 TEST(WifiChannelTest, LinesAreMarkedAsComingFromTheOtherPlatform) {
@@ -327,16 +320,6 @@ TEST(WifiDaemonTest, UnconfirmedOrImpossibleStopFallsBackToTheProperty) {
         EXPECT_NE(log_pos(sb, c.log_line), std::string::npos) << c.log_line;
         EXPECT_EQ(sb.property("vendor.hid_cmd"), c.hid_cmd) << c.log_line;
     }
-}
-
-TEST(WifiDaemonTest, DisconnectWithoutAnyWifiThreadIsSafe) {
-    Sandbox sb;
-    bare_device(PLATFORM_VUART)->system_status.mode = AT_MODE_USB;
-    ASSERT_EQ(atcmdprocess_wifi_stchange(0), 0);
-    EXPECT_EQ(g_patcmd_dev->system_status.mode, AT_MODE_USB);  // a USB cast is left alone
-    EXPECT_EQ(sb.property("vendor.hid_cmd"), "stop_server");
-    EXPECT_EQ(sb.property("vendor.corvel.timesync"), "disable");
-    EXPECT_EQ(last_wificon(), 0);
 }
 
 TEST(WifiDaemonTest, WifiStateGoesUpAndOnTheClientSideToTheAccessory) {
