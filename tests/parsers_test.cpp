@@ -176,12 +176,14 @@ TEST_F(ParsersTest, TypeSetsTheModelAndSystemActionsGoThroughProperties) {
     }
     EXPECT_EQ(run("+RECOVERY\r\n"), "2#0=- | @2");
     EXPECT_EQ(sb.property("vendor.corvel.recovery"), "1");
-    // PWROFF and +SHUTDOWN stop Wi-Fi only in Wi-Fi mode, where +SHUTDOWN first tells the peer.
-    const std::string stop = "]atcmdprocess_wifi_stchange:", sent = "3#3=- | 4/1/10:+STATE=PWROFF\r\n";
+    // PWROFF and +SHUTDOWN stop Wi-Fi only in Wi-Fi mode, where +SHUTDOWN first tells the peer;
+    // the stop tells the upper layer that Wi-Fi is down.
+    const std::string stop = "]atcmdprocess_wifi_stchange:", sent = "3#3=- 18#0=0 | 4/1/10:+STATE=PWROFF\r\n";
     for (int32_t mode : {USB, WIFI}) {
         dev->system_status.mode = mode;
         EXPECT_EQ((run("+STATE=PWROFF\r\n"), log).find(stop) != npos, mode == WIFI);
         sb.set_property("sys.powerctl", "");
+        dev->system_status.mode = mode;  // the Wi-Fi stop above ended Wi-Fi mode
         EXPECT_EQ(run("+SHUTDOWN#3&1\r\n"), (mode == WIFI ? sent : "3#3=- |") + " @2");
         EXPECT_EQ(log.find(stop) != npos, mode == WIFI);
         EXPECT_EQ(sb.property("sys.powerctl"), "shutdown");

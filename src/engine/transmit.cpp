@@ -60,16 +60,17 @@ uint32_t send_vuart(const char *text) { return send_wired(kVuart, text); }
 // One plain write of the whole text; a short write counts as a failure and is not continued.
 bool write_fifo(const char *text) {
     const size_t len = strlen(text);
+    const int32_t fd = link_load(g_fifo_tx_fd);
     ssize_t n;
     do {
-        n = write(g_fifo_tx_fd, text, len);
+        n = write(fd, text, len);
     } while (n < 0 && errno == EINTR);
     return n == static_cast<ssize_t>(len);
 }
 
 // Platform 2, the Wi-Fi client side.
 uint32_t send_wifi_client(const char *text) {
-    if (g_fifo_tx_fd == -1) {
+    if (link_load(g_fifo_tx_fd) == -1) {
         ATCMD_LOG_AS("atcmder_Tx_process", LOG_TAG, 0, "wifi fifo is not opened!");
         return ATCMDER_TX_WIFI_CLOSED;
     }
@@ -84,7 +85,7 @@ uint32_t send_wifi_client(const char *text) {
 // Platform 1, the Wi-Fi server side: its success line is written before the result is known,
 // so a failure shows both lines; the two branches keep their own texts.
 uint32_t send_wifi_server(const char *text) {
-    if (g_fifo_tx_fd == -1) {
+    if (link_load(g_fifo_tx_fd) == -1) {
         ATCMD_LOG_AS("atcmder_Tx_process", LOG_TAG, 0, "wifi fifo is not opened!");
         return ATCMDER_TX_WIFI_CLOSED;
     }

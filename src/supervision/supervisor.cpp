@@ -153,10 +153,13 @@ int atcmd_signal_supervisor(int sig) {
     return pthread_kill(supervisor, sig);
 }
 
-void atcmd_clear_own_handle(pthread_t *handle) {
+bool atcmd_clear_own_handle(pthread_t *handle) {
     pthread_mutex_lock(&g_thread_handle_mutex);
-    link_store(*handle, static_cast<pthread_t>(0));
+    pthread_t self = pthread_self();
+    const bool cleared = __atomic_compare_exchange_n(handle, &self, 0, false, __ATOMIC_ACQ_REL,
+                                                     __ATOMIC_ACQUIRE);
     pthread_mutex_unlock(&g_thread_handle_mutex);
+    return cleared;
 }
 
 void thread_exit_handler(int sig) {

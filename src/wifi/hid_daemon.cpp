@@ -1,38 +1,186 @@
 /*
- * The HID daemon's device operations and heartbeat. Not wired yet: the operations log the call
- * and return 0, so the upper layer can already call them.
+ * Control of the HID daemon that carries the Wi-Fi link: the orderly stop over "/dev/fifo_cmd",
+ * the forced stop and the restart through "vendor.hid_cmd", the heartbeat thread that restarts
+ * a daemon whose count stands still ("wifiHBeat_thread"), and the Wi-Fi state told to the upper
+ * layer and the accessory. Runs on the upper layer's, the dispatch and the heartbeat threads.
  */
-#define LOG_TAG "AtCmdProcessHal"
+#define LOG_TAG "ATCMD_MANAGE"
 
+#include <errno.h>
+#include <fcntl.h>
+#include <stdio.h>
+#include <string.h>
+#include <sys/prctl.h>
+#include <unistd.h>
+
+#include <cutils/properties.h>
+
+#include "engine/engine.h"
+#include "hal/hal.h"
+#include "hal/link_words.h"
 #include "log/atcmd_log.h"
+#include "platform/root_path.h"
 #include "wifi/wifi.h"
 
 pthread_t g_wifiHBeat_thread = 0;
 uint32_t g_wifiHBeat_num = 0;
 
-int atcmdprocess_wifi_init(const char *ip_addr) {
-    ATCMD_LOG(3, "atcmdprocess_wifi_init %s: Wi-Fi control is not available in this build\n",
-              ip_addr != nullptr ? ip_addr : "(null)");
-    return 0;
+namespace {
+
+constexpr const char *kStateTag = "ATCMD_PARSE";  // notify_wifi_state's lines
+constexpr const char *kFifoCmd = "/dev/fifo_cmd";
+constexpr const char kExitWord[] = "exit";
+constexpr useconds_t kExitConfirmWaitUs = 1000000;  // fixed wait for the daemon to leave
+constexpr useconds_t kForcedStopWaitUs = 50000;
+constexpr useconds_t kStateNotifyDelayUs = 100000;
+constexpr long kHeartbeatPeriodMs = 5000;
+constexpr uint16_t kWificonSeq = 18;  // fixed sequence number of the module's AT+WIFICON lines
+
+int32_t platform_of_device(void) {
+    const struct atcmdprocess_device *dev = g_patcmd_dev;
+    return dev != nullptr ? dev->system_status.platform : 0;
 }
 
-int atcmdprocess_wifi_stchange(int32_t state) {
-    ATCMD_LOG(3, "atcmdprocess_wifi_stchange %d: Wi-Fi control is not available in this build\n",
-              state);
-    return 0;
+int32_t wifi_status_of_device(void) {
+    struct atcmdprocess_device *dev = g_patcmd_dev;
+    return dev != nullptr ? link_load(dev->system_status.wifi_status) : 0;
 }
 
-int atcmdprocess_hiddemon_stchange(const char *status) {
-    ATCMD_LOG(3, "atcmdprocess_hiddemon_stchange %s: Wi-Fi control is not available in this build\n",
-              status != nullptr ? status : "(null)");
-    return 0;
+// Closes the descriptor it holds when it goes out of scope.
+struct FdGuard {
+    int fd;
+    ~FdGuard() {
+        if (fd >= 0) close(fd);
+    }
+};
+
+int open_fifo_cmd(void) {
+    char path[ATCMD_ROOTED_PATH_MAX];
+    if (atcmd_root_path(kFifoCmd, path, sizeof path) != 0) return -1;
+    int fd;
+    do {
+        fd = open(path, O_RDWR | O_CLOEXEC);
+    } while (fd < 0 && errno == EINTR);
+    return fd;
 }
 
-void stop_hiddemon(void) {}
-int Kill_hiddemon_byforce(void) { return 0; }
-void wifi_Chan_ReInit(void) {}
+bool write_exit_word(int fd) {
+    const size_t len = sizeof kExitWord - 1;  // no terminator on the FIFO
+    ssize_t n;
+    do {
+        n = write(fd, kExitWord, len);
+    } while (n < 0 && errno == EINTR);
+    return n == static_cast<ssize_t>(len);
+}
+
+// The upper layer's part of notify_wifi_state: after a short delay, on every platform.
+void notify_upper_layer(int32_t state) {
+    AT_CMD_CbMsg_t msg = {AT_MSG_WIFICON, 0, &state};
+    usleep(kStateNotifyDelayUs);
+    atcmd_notify(&msg);
+}
+
+// The client side also tells the accessory, over its serial line, with an AT+WIFICON line.
+void queue_wificon_line(int32_t state) {
+    const char *head = state == 1 ? "AT+WIFICON=1#" : state == 0 ? "AT+WIFICON=0#" : nullptr;
+    if (head == nullptr) {
+        // A line without its keyword would reach the accessory as garbage: only the callback.
+        ATCMD_LOG_AS("notify_wifi_state", kStateTag, 0,
+                     "notify_wifi_state got unknown state %ld, no AT+WIFICON line sent",
+                     static_cast<long>(state));
+        return;
+    }
+    char text[AT_LINE_BUF_SIZE] = {};
+    snprintf(text, sizeof text, "%s%d&2\r\n", head, kWificonSeq);
+    ATCMD_LOG_AS("notify_wifi_state", kStateTag, 4, "notify_wifi_stated to corvel %ld, data is %s",
+                 static_cast<long>(state), text);
+    AtCmder_t cmd = {};
+    cmd.type = AT_TYPE_SET;
+    cmd.source = AT_NODE_NONE;
+    cmd.dest = AT_NODE_ACCESSORY;
+    cmd.flag = static_cast<uint8_t>(platform_of_device());
+    cmd.resendtimes = 0;
+    cmd.cmd_id = AT_MSG_WIFICON;
+    cmd.seq_num = kWificonSeq;
+    cmd.data = text;
+    atcmder_send_to_tx(&cmd);
+}
+
+}  // namespace
+
+void stop_hiddemon(void) {
+    FdGuard cmd_fifo{open_fifo_cmd()};
+    if (cmd_fifo.fd < 0) {
+        ATCMD_LOG(0, "cannot open device: %s, will kill hiddemon!", kFifoCmd);
+        Kill_hiddemon_byforce();
+        return;
+    }
+    if (!write_exit_word(cmd_fifo.fd)) {
+        ATCMD_LOG(0, " fails to write data %s to fifo_cmd", kExitWord);
+        Kill_hiddemon_byforce();
+        return;
+    }
+    usleep(kExitConfirmWaitUs);
+    char sts[PROPERTY_VALUE_MAX] = {};
+    property_get("vendor.hid_sts", sts, "");
+    if (sts[0] != '\0' && strcmp(sts, kExitWord) == 0) {
+        ATCMD_LOG(3, "Process Hiddemon exits successfully!");
+        return;
+    }
+    ATCMD_LOG(0, " hiddemon exit fails, will be killed!");
+    Kill_hiddemon_byforce();
+}
+
+// The stop goes through the property alone; no process is signalled from here.
+int Kill_hiddemon_byforce(void) {
+    property_set("vendor.hid_cmd",
+                 platform_of_device() == PLATFORM_UART ? "stop_client" : "stop_server");
+    return usleep(kForcedStopWaitUs);
+}
+
+// Restarts the daemon on its side; the FIFO channel is left as it is (callers that want it
+// closed close it first) and opens again when the daemon reports "running".
+void wifi_Chan_ReInit(void) {
+    stop_hiddemon();
+    struct atcmdprocess_device *dev = g_patcmd_dev;
+    const int32_t platform = platform_of_device();
+    const char *command = nullptr;
+    if (platform == PLATFORM_VUART) {
+        ATCMD_LOG(3, "Hid_daemon stopped, begin re-init wifi server!");
+        command = "start_server";
+    } else if (platform == PLATFORM_UART) {
+        ATCMD_LOG(3, "Hid_daemon stopped, begin re-init wifi client with serverIP %s!",
+                  dev->server_ip);
+        property_set("vendor.hid_sts", dev->server_ip);
+        command = "start_client";
+    } else {
+        return;
+    }
+    property_set("vendor.hid_cmd", command);
+}
+
+// One count that stands still for a whole period means the daemon is lost; any change, also a
+// decrease, means it is alive. The thread goes on after a restart and ends only by SIGALRM.
 void *atcmder_wifiHBeat_thread(void * /*arg*/) {
-    __atomic_store_n(&g_wifiHBeat_thread, 0, __ATOMIC_RELEASE);
+    sigset_t wait_mask;
+    wifi_thread_exit_on_alarm(&wait_mask);
+    prctl(PR_SET_NAME, "wifiHBeat_thread");
+    ATCMD_LOG(3, "atcmder_wifiHBeat_thread is running!");
+    for (;;) {
+        const uint32_t before = link_load(g_wifiHBeat_num);
+        wifi_thread_sleep(&wait_mask, kHeartbeatPeriodMs);
+        if (link_load(g_wifiHBeat_num) != before || wifi_status_of_device() != 1) continue;
+        ATCMD_LOG(2, "!! HID demon lost heart beat, will restart! wifiHBeat_num is %lu .",
+                  static_cast<unsigned long>(before));
+        stop_wifi_channel();
+        wifi_Chan_ReInit();
+    }
     return nullptr;
 }
-void notify_wifi_state(int32_t /*state*/) {}
+
+void notify_wifi_state(int32_t state) {
+    notify_upper_layer(state);
+    if (platform_of_device() == PLATFORM_UART) queue_wificon_line(state);
+    ATCMD_LOG_TAG(kStateTag, 4, "notify_wifi_stated %ld", static_cast<long>(state));
+}
+

@@ -6,6 +6,7 @@
 #define ATCMD_WIFI_WIFI_H
 
 #include <pthread.h>
+#include <signal.h>
 #include <stdint.h>
 
 #include "hal/c_exports.h"
@@ -35,5 +36,19 @@ void *atcmder_wifiHBeat_thread(void *arg);
 void notify_wifi_state(int32_t state);
 
 ATCMD_EXPORTS_END
+
+/* ---- Ending the two Wi-Fi threads (module-internal) ------------------------------------------ */
+
+/* Installs thread_exit_handler for SIGALRM and blocks SIGALRM in the calling thread, which from
+ * then on lets it in only while it waits (epoll_pwait, ppoll) with `wait_mask`: the thread never
+ * ends in the middle of a log line or a queue operation, with a lock held. */
+void wifi_thread_exit_on_alarm(sigset_t *wait_mask);
+
+/* Ends the thread recorded in `*handle`: takes the handle (leaving 0), sends SIGALRM and joins.
+ * A handle of 0 means no such thread and is skipped. */
+void wifi_thread_end(pthread_t *handle);
+
+/* Sleeps `ms` milliseconds, letting SIGALRM in meanwhile. */
+void wifi_thread_sleep(const sigset_t *wait_mask, long ms);
 
 #endif /* ATCMD_WIFI_WIFI_H */
