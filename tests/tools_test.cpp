@@ -276,7 +276,8 @@ namespace {
 std::string run_console(const std::string &args, const std::string &script, int *status) {
     const std::string script_path = std::string(getenv("ATCMD_ROOT")) + "/script.atcmd";
     write_file(script_path, script);
-    setenv("TSAN_OPTIONS", "suppressions=" ATCMD_TSAN_SUPPRESSIONS, 1);
+    // The console is a process of its own: hand it the test processes' sanitizer settings.
+    setenv("TSAN_OPTIONS", "report_signal_unsafe=0 suppressions=" ATCMD_TSAN_SUPPRESSIONS, 1);
     const std::string cmd = "'" ATCMD_BIN_DIR "/atcmd_console' --module '" ATCMD_MODULE_PATH "' " + args +
                             " '" + script_path + "' 2>&1";
     std::string out;
@@ -399,8 +400,8 @@ TEST(ConsoleTest, CommandLineDrivesTheDeviceOperationsAndPropertyStore) {
     Sandbox sb;
     int status = -1;
     const std::string out = run_console(
-        "-c 'setprop persist.vendor.corvel.factory.wt P; getprop persist.vendor.corvel.factory.wt; status; "
-        "send AT+SN?#7&1; devinfo; loglevel 3'",
+        "--log-level 3 -c 'setprop persist.vendor.corvel.factory.wt P; getprop persist.vendor.corvel.factory.wt; "
+        "status; send AT+SN?#7&1; devinfo; loglevel'",
         "", &status);
     EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << out;
     EXPECT_NE(out.find("persist.vendor.corvel.factory.wt=P"), std::string::npos) << out;

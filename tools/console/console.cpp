@@ -244,6 +244,8 @@ CommandResult cmd_status(const std::vector<std::string> &) {
 CommandResult cmd_loglevel(const std::vector<std::string> &w) {
     auto *level = symbol<int32_t>("log_level");
     if (level == nullptr) return fail("the module exports no log_level");
+    // The module's threads read the level without a lock: a change made here, while they run,
+    // is seen by each thread at its next message. --log-level sets it before they start.
     if (w.size() > 1) link_store(*level, static_cast<int32_t>(atoi(w[1].c_str())));
     return ok("log_level " + std::to_string(link_load(*level)));
 }
@@ -400,7 +402,7 @@ constexpr ConsoleCommand kCommands[] = {
     {"relay", "relay on|off              relay the daemon simulator's reports (default on)", cmd_relay, true},
     {"devinfo", "devinfo                   print the accessory information record", cmd_devinfo, false},
     {"status", "status                    platform, cast mode, Wi-Fi and USB state", cmd_status, false},
-    {"loglevel", "loglevel [N]              read or set the module's log level", cmd_loglevel, true},
+    {"loglevel", "loglevel [N]              read or set the module's log level (see --log-level)", cmd_loglevel, true},
     {"setprop", "setprop KEY VALUE         set a system property", cmd_setprop, true},
     {"getprop", "getprop KEY               read a system property", cmd_getprop, false},
     {"acc", "acc COMMAND               accessory simulator (acc help lists)", cmd_acc, true},
@@ -426,7 +428,7 @@ void mark_step() {
 
 bool console_start(const ConsoleOptions &options, std::string *error) {
     g.options = options;
-    if (!load_module(options.module, &g.module, error)) return false;
+    if (!load_module(options.module, options.log_level, &g.module, error)) return false;
     g.module.dev->set_notify_callback(g.module.dev, on_message);
     console_say("module \"" + std::string(g.module.hmi->id) + "\" (" + g.module.hmi->name + ") from " +
                 g.module.path);

@@ -20,6 +20,7 @@ struct ConsoleOptions {
     bool json = false;       // JSON lines instead of text
     bool simulators = false; // run the accessory and daemon simulators in this process
     bool echo_commands = false;
+    int log_level = -1;      // set in the module before it opens (-1: leave the module's default)
     FILE *out = stdout;      // where the console writes (the module's own prints may go elsewhere)
 };
 

@@ -48,7 +48,7 @@ std::vector<std::string> module_candidates(const std::string &explicit_path) {
     return files;
 }
 
-bool load_module(const std::string &explicit_path, LoadedModule *out, std::string *error) {
+bool load_module(const std::string &explicit_path, int log_level, LoadedModule *out, std::string *error) {
     std::string tried;
     for (const std::string &path : module_candidates(explicit_path)) {
         if (access(path.c_str(), R_OK) != 0) {
@@ -77,6 +77,8 @@ bool load_module(const std::string &explicit_path, LoadedModule *out, std::strin
         *error = out->path + " is not the " ATCMDPROCESS_HARDWARE_MODULE_ID " module";
         return false;
     }
+    auto *level = static_cast<int32_t *>(dlsym(out->handle, "log_level"));
+    if (log_level >= 0 && level != nullptr) *level = log_level;  // before any module thread runs
     hw_device_t *common = nullptr;
     if (out->hmi->methods == nullptr || out->hmi->methods->open == nullptr ||
         out->hmi->methods->open(out->hmi, ATCMDPROCESS_HARDWARE_MODULE_ID, &common) != 0 ||

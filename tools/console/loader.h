@@ -24,8 +24,9 @@ struct LoadedModule {
 // platform's own hardware-module directories.
 std::vector<std::string> module_candidates(const std::string &explicit_path);
 
-// Loads and opens the module; false with the reason in *error.
-bool load_module(const std::string &explicit_path, LoadedModule *out, std::string *error);
+// Loads and opens the module, first setting its log level when `log_level` is not negative;
+// false with the reason in *error.
+bool load_module(const std::string &explicit_path, int log_level, LoadedModule *out, std::string *error);
 
 // An exported name of the loaded module, or null.
 void *module_symbol(const LoadedModule &m, const char *name);

@@ -36,6 +36,7 @@ void usage(FILE *out) {
             "                  sandbox under /tmp when ATCMD_ROOT is unset)\n"
             "  --json          JSON lines instead of text\n"
             "  --echo          print each command before running it\n"
+            "  --log-level N   the module's log level, set before it opens\n"
             "  --module-output keep the module's own prints (standard output and error); by\n"
             "                  default they are dropped: the module's log file holds them all\n"
             "  -c COMMANDS     run COMMANDS (separated by ';') and leave\n"
@@ -127,6 +128,7 @@ int main(int argc, char **argv) {
         {"module", required_argument, nullptr, 'm'}, {"sim", no_argument, nullptr, 's'},
         {"json", no_argument, nullptr, 'j'},         {"echo", no_argument, nullptr, 'e'},
         {"help", no_argument, nullptr, 'h'},         {"module-output", no_argument, nullptr, 'o'},
+        {"log-level", required_argument, nullptr, 'l'},
         {nullptr, 0, nullptr, 0},
     };
     ConsoleOptions options;
@@ -140,6 +142,7 @@ int main(int argc, char **argv) {
         case 'e': options.echo_commands = true; break;
         case 'c': commands.push_back(optarg); break;
         case 'o': module_output = true; break;
+        case 'l': options.log_level = atoi(optarg); break;
         case 'h': usage(stdout); return 0;
         default: usage(stderr); return 2;
         }
