@@ -140,7 +140,8 @@ std::string version_payload(const AccIdentity &id) {
 }
 
 // The answer line for a query, or "" when the accessory has none.
-std::string answer_for(const AccIdentity &id, const std::string &keyword, std::string tail) {
+std::string answer_for(AccIdentity id, const std::string &keyword, std::string tail, bool plugged) {
+    if (id.usbstate.empty()) id.usbstate = plugged ? "1,0" : "0,0";
     // A query without "#seq&flag" is answered with sequence number 0, so the version's last
     // item still ends at a "#".
     if (tail.empty()) tail = "#0&1";
@@ -182,7 +183,7 @@ void handle_line_locked(AccSim *s, AccLink link, const std::string &line) {
     const size_t q = line.find('?');
     if (line.rfind("AT+", 0) != 0 || q == std::string::npos) return;  // not a query: nothing due
     const std::string keyword = line.substr(2, q - 2);
-    const std::string answer = answer_for(s->identity, keyword, line.substr(q + 1));
+    const std::string answer = answer_for(s->identity, keyword, line.substr(q + 1), s->master >= 0);
     if (answer.empty()) {
         note(s, link, "!!", "no answer for " + keyword);
         return;

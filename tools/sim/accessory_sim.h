@@ -23,7 +23,7 @@ struct AccIdentity {
                                       "DSP:2.0",   "CFG:17",   "UI:5.4"};
     std::string bat = "87,1,4120,250,1,0";  // the six battery numbers
     std::string state = "ACTIVE";
-    std::string usbstate = "1,0";           // connected, status
+    std::string usbstate;                   // connected, status; empty: "1,0" while plugged, else "0,0"
     std::string screen = "1";
     std::string micmode = "0";
     std::string mac = "a4:c1:38:5e:02:9b";  // answered to BLEMAC and BTMAC queries
