@@ -71,25 +71,25 @@ void run_stream(std::istream &in) {
 }
 
 // The prompt, "history" and "!N" recall, then the console's own commands.
-void run_interactive() {
+void run_interactive(FILE *out) {
     std::vector<std::string> history;
     for (;;) {
-        fputs(kPrompt, stdout);
-        fflush(stdout);
+        fputs(kPrompt, out);
+        fflush(out);
         std::string line;
         if (!std::getline(std::cin, line)) break;
         if (line == "history") {
-            for (size_t i = 0; i < history.size(); ++i) printf("%4zu  %s\n", i + 1, history[i].c_str());
+            for (size_t i = 0; i < history.size(); ++i) fprintf(out, "%4zu  %s\n", i + 1, history[i].c_str());
             continue;
         }
         if (line.size() > 1 && line[0] == '!') {
             const size_t n = strtoul(line.c_str() + 1, nullptr, 10);
             if (n == 0 || n > history.size()) {
-                printf("no command %s in the history\n", line.c_str() + 1);
+                fprintf(out, "no command %s in the history\n", line.c_str() + 1);
                 continue;
             }
             line = history[n - 1];
-            printf("%s\n", line.c_str());
+            fprintf(out, "%s\n", line.c_str());
         }
         if (line.find_first_not_of(" \t") == std::string::npos) continue;
         history.push_back(line);
@@ -173,7 +173,7 @@ int main(int argc, char **argv) {
         run_stream(script == "-" ? std::cin : file);
     } else if (commands.empty()) {
         if (isatty(STDIN_FILENO)) {
-            run_interactive();
+            run_interactive(options.out);
         } else {
             run_stream(std::cin);
         }
