@@ -456,3 +456,55 @@ TEST(ConsoleEndToEndTest, DemonstrationScriptRunsEveryStep) {
         EXPECT_TRUE(t.next(step)) << step << "\n" << out;
     }
 }
+
+TEST(ConsoleTest, SendFillsTheRecordFromTheLineAsTheUpperLayerWould) {
+    Sandbox sb;
+    struct Case {
+        const char *line;
+        const char *record;
+    };
+    const Case cases[] = {
+        {"AT+VER?#11&1", "(type 3, cmd_id 11, seq 11)"},
+        {"AT+WIFICON=1#18&2", "(type 2, cmd_id 18, seq 18)"},
+        {"AT+RESET", "(type 1, cmd_id 5, seq 0)"},
+        {"+STATE=IDLE", "(type 4, cmd_id 10, seq 0)"},
+        {"AT+NOSUCH?#3&1", "(type 3, cmd_id 0, seq 3); its keyword is not in the table"},
+    };
+    std::string commands;
+    for (const Case &c : cases) commands += std::string(commands.empty() ? "" : "; ") + "send " + c.line;
+    int status = -1;
+    const std::string out = run_console("-c '" + commands + "'", "", &status);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << out;
+    for (const Case &c : cases) {
+        EXPECT_NE(out.find(std::string("sent ") + c.line + " " + c.record), std::string::npos) << c.line << "\n" << out;
+    }
+}
+
+TEST(ToolsCliTest, HelpRunsAndBadSetUpIsRefusedWithAReason) {
+    Sandbox sb;
+    struct Case {
+        std::string command;
+        int status;
+        const char *says;
+    };
+    const std::string bin = "'" ATCMD_BIN_DIR "/";
+    const Case cases[] = {
+        {bin + "atcmd_console' --help", 0, "usage: atcmd_console"},
+        {bin + "atcmd_accessory_sim' --help", 0, "ask state|mac|ver|wt"},
+        {bin + "atcmd_daemon_sim' --help", 0, "vendor.hid_cmd"},
+        {bin + "atcmd_console' --module /nonexistent/atcmdprocess.default.so -c status", 1, "no atcmdprocess.default.so found"},
+        {bin + "atcmd_console' --module " + bin + "atcmd_daemon_sim' -c status", 1, "dlopen"},
+        {"env -u ATCMD_ROOT " + bin + "atcmd_accessory_sim' </dev/null", 2, "ATCMD_ROOT is not set"},
+        {bin + "atcmd_accessory_sim' --set colour=red </dev/null", 2, "bad --set \"colour=red\""},
+    };
+    for (const Case &c : cases) {
+        std::string out;
+        FILE *p = popen((c.command + " 2>&1").c_str(), "r");
+        ASSERT_NE(p, nullptr);
+        char buf[4096];
+        for (size_t n; (n = fread(buf, 1, sizeof buf, p)) > 0;) out.append(buf, n);
+        const int status = pclose(p);
+        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == c.status) << c.command << "\n" << out;
+        EXPECT_NE(out.find(c.says), std::string::npos) << c.command << "\n" << out;
+    }
+}

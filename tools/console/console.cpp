@@ -138,7 +138,8 @@ int int_arg(const std::vector<std::string> &w, size_t i, int fallback) {
 }
 
 // Fills a record from an AT line as the upper layer would: kind, keyword row, "#seq" and "&flag".
-void fill_record(const std::string &line, AtCmder_t *cmd) {
+// False when the keyword is not in the table (cmd_id is then 0).
+bool fill_record(const std::string &line, AtCmder_t *cmd) {
     const bool request = line.rfind("AT", 0) == 0;
     const size_t key_at = request ? 2 : 0;
     const size_t key_end = line.find_first_of("=?#\r", key_at);
@@ -151,6 +152,7 @@ void fill_record(const std::string &line, AtCmder_t *cmd) {
     const size_t hash = line.find('#'), amp = line.find('&');
     if (hash != std::string::npos) cmd->seq_num = static_cast<uint16_t>(atoi(line.c_str() + hash + 1));
     if (amp != std::string::npos) cmd->flag = static_cast<uint8_t>(atoi(line.c_str() + amp + 1));
+    return id >= 0;
 }
 
 CommandResult send_line(std::string line) {
@@ -159,11 +161,14 @@ CommandResult send_line(std::string line) {
     char buf[AT_LINE_BUF_SIZE] = {};
     memcpy(buf, line.data(), line.size());
     AtCmder_t cmd = {};
-    fill_record(line, &cmd);
+    const bool known = fill_record(line, &cmd);
     cmd.data = buf;
     g.module.dev->atcmdprocess_cmd_from_hidl(&cmd);
+    // A keyword outside the table is sent all the same (a raw line is the person's choice), with
+    // cmd_id 0, and said so.
     return ok("sent " + trim_line_end(line) + " (type " + std::to_string(cmd.type) + ", cmd_id " +
-              std::to_string(cmd.cmd_id) + ", seq " + std::to_string(cmd.seq_num) + ")");
+              std::to_string(cmd.cmd_id) + ", seq " + std::to_string(cmd.seq_num) + ")" +
+              (known ? "" : "; its keyword is not in the table"));
 }
 
 CommandResult cmd_send(const std::vector<std::string> &w) {
