@@ -1,13 +1,14 @@
 /*
- * The command record queues Rx_head, Tx_head and Timeout_head, their locks and wait pairs, and
- * the five queue operations. Every thread of the module enqueues or dequeues here; the list
- * locks serialise the links, the consumers sleep on each queue's buffer mutex and condition.
+ * The command record queues Rx_head, Tx_head and Timeout_head, their locks and wait pairs, the
+ * five queue operations, and the wake-up protocol between the producers (every thread that
+ * queues a record) and the three consumers (dispatch, transmit and time-out threads). The list
+ * locks serialise the links; the consumers sleep on each queue's buffer mutex and condition.
  */
 #define LOG_TAG "atcmder_queue"
 
 #include <stdlib.h>
 #include <string.h>
-#include <time.h>
+#include <atomic>
 
 #include "engine/engine.h"
 #include "log/atcmd_log.h"
@@ -29,10 +30,60 @@ pthread_cond_t timeoutbuffer_notempty = PTHREAD_COND_INITIALIZER;
 
 namespace {
 
-// Producers signal without holding the consumer's wait mutex, so a signal can fall between the
-// emptiness test and the wait. A consumer therefore never sleeps longer than this before it
-// tests again; a missed wake-up costs at most this delay instead of waiting for the next record.
-constexpr long kQueueRecheckNs = 20L * 1000 * 1000;
+// One consumer's side of the wake-up protocol. `asleep` is written only under `wait_mutex`: set
+// by the consumer before its last emptiness test, cleared by the producer that signals it (or
+// by the consumer itself when it wakes). A producer reads it after its enqueue released the list
+// lock; that lock orders the read after the consumer's emptiness test, so a producer either
+// sees the mark or its record was already there when the consumer tested.
+struct QueueWaiter {
+    struct atcmder_queue_head *head;
+    pthread_mutex_t *list_mutex;
+    pthread_mutex_t *wait_mutex;
+    pthread_cond_t *not_empty;
+    std::atomic<bool> asleep;
+};
+
+QueueWaiter g_waiters[] = {
+    {&Rx_head, &g_rxqueue_mutex, &rxbuffer_Mutex, &rxbuffer_notempty, {false}},
+    {&Tx_head, &g_txqueue_mutex, &txbuffer_Mutex, &txbuffer_notempty, {false}},
+    {&Timeout_head, &g_timeoutqueue_mutex, &timeoutbuffer_Mutex, &timeoutbuffer_notempty, {false}},
+};
+constexpr size_t kWaiterCount = sizeof g_waiters / sizeof g_waiters[0];
+enum WaiterIndex : size_t { kRxWaiter, kTxWaiter, kTimeoutWaiter };  // rows of g_waiters
+
+// The calling thread's open bursts, and the waiters (one bit each) whose wake-up it holds.
+thread_local unsigned t_burst_depth = 0;
+thread_local unsigned t_held_wakeups = 0;
+
+QueueWaiter *waiter_for(const struct atcmder_queue_head *head) {
+    for (QueueWaiter &w : g_waiters) {
+        if (w.head == head) return &w;
+    }
+    return nullptr;
+}
+
+// Signals only a consumer that is (or is about to be) asleep, and only once per sleep.
+void wake(QueueWaiter &w) {
+    if (!w.asleep.load(std::memory_order_acquire)) return;
+    pthread_mutex_lock(w.wait_mutex);
+    if (w.asleep.load(std::memory_order_relaxed)) {
+        w.asleep.store(false, std::memory_order_relaxed);
+        pthread_cond_signal(w.not_empty);
+    }
+    pthread_mutex_unlock(w.wait_mutex);
+}
+
+uint32_t send_to(size_t index, const AtCmder_t *cmd) {
+    QueueWaiter &w = g_waiters[index];
+    const uint32_t status = atcmder_enqueue(w.head, w.list_mutex, cmd);
+    if (status != ATCMDER_QUEUE_OK) return status;
+    if (t_burst_depth > 0) {
+        t_held_wakeups |= 1u << index;
+    } else {
+        wake(w);
+    }
+    return status;
+}
 
 }  // namespace
 
@@ -61,17 +112,20 @@ uint32_t atcmder_empty_queue(struct atcmder_queue_head *head, pthread_mutex_t *m
 
 void atcmder_wait_queue(struct atcmder_queue_head *head, pthread_mutex_t *list_mutex,
                         pthread_mutex_t *wait_mutex, pthread_cond_t *not_empty) {
-    pthread_mutex_lock(wait_mutex);
-    while (atcmder_empty_queue(head, list_mutex) != 0) {
-        struct timespec until;
-        clock_gettime(CLOCK_MONOTONIC, &until);
-        until.tv_nsec += kQueueRecheckNs;
-        if (until.tv_nsec >= 1000L * 1000 * 1000) {
-            until.tv_sec += 1;
-            until.tv_nsec -= 1000L * 1000 * 1000;
-        }
-        pthread_cond_clockwait(not_empty, wait_mutex, CLOCK_MONOTONIC, &until);
+    QueueWaiter *w = waiter_for(head);
+    if (w == nullptr || w->list_mutex != list_mutex || w->wait_mutex != wait_mutex ||
+        w->not_empty != not_empty) {
+        // Only the three engine queues have a consumer; anything else would never be woken.
+        ATCMD_LOG(0, "atcmder_wait_queue: not an engine queue or not its locks, no wait\n");
+        return;
     }
+    pthread_mutex_lock(wait_mutex);
+    for (;;) {
+        w->asleep.store(true, std::memory_order_release);
+        if (atcmder_empty_queue(head, list_mutex) == 0) break;
+        pthread_cond_wait(not_empty, wait_mutex);
+    }
+    w->asleep.store(false, std::memory_order_relaxed);
     pthread_mutex_unlock(wait_mutex);
 }
 
@@ -143,8 +197,21 @@ void dump_atcmd_data(const AtCmder_t *cmd) {
                   cmd->data != nullptr ? cmd->data : "(null)");
 }
 
-uint32_t atcmder_send_to_tx(const AtCmder_t *cmd) {
-    const uint32_t status = atcmder_enqueue(&Tx_head, &g_txqueue_mutex, cmd);
-    pthread_cond_signal(&txbuffer_notempty);
-    return status;
+uint32_t atcmder_send_to_rx(const AtCmder_t *cmd) { return send_to(kRxWaiter, cmd); }
+uint32_t atcmder_send_to_tx(const AtCmder_t *cmd) { return send_to(kTxWaiter, cmd); }
+uint32_t atcmder_send_to_timeout(const AtCmder_t *cmd) { return send_to(kTimeoutWaiter, cmd); }
+
+void atcmder_burst_begin(void) { ++t_burst_depth; }
+
+void atcmder_burst_end(void) {
+    if (t_burst_depth == 0) {
+        ATCMD_LOG(0, "atcmder_burst_end without a burst, ignored\n");
+        return;
+    }
+    if (--t_burst_depth > 0) return;
+    const unsigned held = t_held_wakeups;
+    t_held_wakeups = 0;
+    for (size_t i = 0; i < kWaiterCount; ++i) {
+        if ((held & (1u << i)) != 0) wake(g_waiters[i]);
+    }
 }
