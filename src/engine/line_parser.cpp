@@ -191,6 +191,26 @@ void end_line(Parse &p) {
     clear_line(p);
 }
 
+// A row that keeps the character and stays in its state applies again to every following
+// character that maps to the same row, so such a run is copied at once, up to the line limit.
+// Returns the number of characters stored.
+size_t store_run(Parse &p, const Transition &t) {
+    const auto row = static_cast<size_t>(&t - kTransitions);
+    const uint8_t *rows = kRowIndex.row[static_cast<size_t>(p.state)];
+    const size_t room = kMaxLineLen - p.line_len;
+    size_t n = 1;
+    if (t.next == p.state && t.lookup == Lookup::None) {
+        while (n < room && p.pos + n < p.len &&
+               rows[static_cast<unsigned char>(p.text[p.pos + n])] == row) {
+            ++n;
+        }
+    }
+    memcpy(p.cmd->data + p.line_len, p.text + p.pos, n);
+    p.line_len += n;
+    p.cmd->data[p.line_len] = '\0';
+    return n;
+}
+
 // Runs one character through the table. A rejected line leaves `pos` where it is, so the same
 // character is looked at again in Start.
 void step(Parse &p, char c) {
@@ -201,7 +221,7 @@ void step(Parse &p, char c) {
         return;
     }
     switch (t.step) {
-        case Step::Store: store(p, c); break;
+        case Step::Store: p.pos += store_run(p, t) - 1; break;
         case Step::MarkHash:
             p.hash_at = p.line_len;
             store(p, c);

@@ -41,12 +41,19 @@ struct QueueWaiter {
     pthread_mutex_t *wait_mutex;
     pthread_cond_t *not_empty;
     std::atomic<bool> asleep;
+    // Nodes of records already taken, kept for the next enqueue so that a steady stream does not
+    // go through the allocator for every line. Guarded by `list_mutex`; at most kMaxSpares.
+    struct atcmder_node *spares;
+    size_t spare_count;
 };
 
+constexpr size_t kMaxSpares = 64;
+
 QueueWaiter g_waiters[] = {
-    {&Rx_head, &g_rxqueue_mutex, &rxbuffer_Mutex, &rxbuffer_notempty, {false}},
-    {&Tx_head, &g_txqueue_mutex, &txbuffer_Mutex, &txbuffer_notempty, {false}},
-    {&Timeout_head, &g_timeoutqueue_mutex, &timeoutbuffer_Mutex, &timeoutbuffer_notempty, {false}},
+    {&Rx_head, &g_rxqueue_mutex, &rxbuffer_Mutex, &rxbuffer_notempty, {false}, nullptr, 0},
+    {&Tx_head, &g_txqueue_mutex, &txbuffer_Mutex, &txbuffer_notempty, {false}, nullptr, 0},
+    {&Timeout_head, &g_timeoutqueue_mutex, &timeoutbuffer_Mutex, &timeoutbuffer_notempty, {false},
+     nullptr, 0},
 };
 constexpr size_t kWaiterCount = sizeof g_waiters / sizeof g_waiters[0];
 enum WaiterIndex : size_t { kRxWaiter, kTxWaiter, kTimeoutWaiter };  // rows of g_waiters
@@ -60,6 +67,31 @@ QueueWaiter *waiter_for(const struct atcmder_queue_head *head) {
         if (w.head == head) return &w;
     }
     return nullptr;
+}
+
+// The engine queue `head` is, when it is guarded by `mutex`; null for any other queue.
+QueueWaiter *engine_queue(const struct atcmder_queue_head *head, const pthread_mutex_t *mutex) {
+    QueueWaiter *w = waiter_for(head);
+    return w != nullptr && w->list_mutex == mutex ? w : nullptr;
+}
+
+// Called with the list mutex held. A reused node keeps old bytes after its text's terminator;
+// nothing reads past the terminator.
+struct atcmder_node *take_spare(QueueWaiter *w) {
+    if (w == nullptr || w->spares == nullptr) return nullptr;
+    struct atcmder_node *node = w->spares;
+    w->spares = *reinterpret_cast<struct atcmder_node **>(node->buf);
+    --w->spare_count;
+    return node;
+}
+
+// Called with the list mutex held; false when the node is to be freed instead.
+bool keep_spare(QueueWaiter *w, struct atcmder_node *node) {
+    if (w == nullptr || w->spare_count >= kMaxSpares) return false;
+    *reinterpret_cast<struct atcmder_node **>(node->buf) = w->spares;
+    w->spares = node;
+    ++w->spare_count;
+    return true;
 }
 
 // Signals only a consumer that is (or is about to be) asleep, and only once per sleep.
@@ -131,11 +163,8 @@ void atcmder_wait_queue(struct atcmder_queue_head *head, pthread_mutex_t *list_m
 
 uint32_t atcmder_enqueue(struct atcmder_queue_head *head, pthread_mutex_t *mutex,
                          const AtCmder_t *cmd) {
-    auto *node = static_cast<struct atcmder_node *>(calloc(1, sizeof(struct atcmder_node)));
-    if (node == nullptr) return ATCMDER_QUEUE_NOMEM;
     if (cmd == nullptr || cmd->data == nullptr) {
         ATCMD_LOG(0, "Input atcmder data is NULL!");
-        free(node);
         return ATCMDER_QUEUE_NULL;
     }
     const size_t len = strnlen(cmd->data, AT_LINE_BUF_SIZE);
@@ -144,11 +173,18 @@ uint32_t atcmder_enqueue(struct atcmder_queue_head *head, pthread_mutex_t *mutex
         // rather than cut, so that nothing half-formed reaches a channel.
         ATCMD_LOG(0, "atcmder_enqueue refuses a line of %d bytes or more: %.40s...\n",
                   AT_LINE_BUF_SIZE, cmd->data);
-        free(node);
         return ATCMDER_QUEUE_TOO_LONG;
     }
 
+    QueueWaiter *const w = engine_queue(head, mutex);
     pthread_mutex_lock(mutex);
+    struct atcmder_node *node = take_spare(w);
+    if (node == nullptr) {
+        pthread_mutex_unlock(mutex);
+        node = static_cast<struct atcmder_node *>(calloc(1, sizeof(struct atcmder_node)));
+        if (node == nullptr) return ATCMDER_QUEUE_NOMEM;
+        pthread_mutex_lock(mutex);
+    }
     node->cmd = *cmd;
     memcpy(node->buf, cmd->data, len);
     node->buf[len] = '\0';
@@ -182,8 +218,9 @@ uint32_t atcmder_dequeue(struct atcmder_queue_head *head, pthread_mutex_t *mutex
     *cmd = node->cmd;
     cmd->data = out;
     memcpy(out, node->buf, strlen(node->buf) + 1);
-    free(node);
+    const bool kept = keep_spare(engine_queue(head, mutex), node);
     pthread_mutex_unlock(mutex);
+    if (!kept) free(node);
     return ATCMDER_QUEUE_OK;
 }
 
