@@ -446,6 +446,7 @@ int main(int argc, char **argv) {
     add_rate_row("end to end to the callback, log level -1", best, 2e6);
     if (e2e_only) {
         print_table();
+        fflush(stdout);
         _exit(0);
     }
     {

@@ -199,7 +199,8 @@ TEST_P(WakeupTest, NoWakeUpIsLostUnderManyProducersAndEveryRecordArrivesInOrder)
     }
 }
 
-// An idle consumer sleeps without a time limit, and a burst wakes it once, at the burst's end.
+// An idle consumer sleeps without a time limit, and a burst joins the queue and wakes the
+// consumer once, at the burst's end.
 TEST_P(WakeupTest, IdleConsumerStaysAsleepAndABurstWakesItOnceAtItsEnd) {
     Consumer consumer(GetParam());
     ASSERT_TRUE(wait_until([&] { return consumer.tid != 0 && consumer.wakeups == 0; }));
@@ -210,7 +211,8 @@ TEST_P(WakeupTest, IdleConsumerStaysAsleepAndABurstWakesItOnceAtItsEnd) {
     atcmder_burst_begin();
     for (uint16_t seq = 0; seq < 50; ++seq) ASSERT_EQ(send(GetParam(), 1, seq), 0u);
     usleep(100 * 1000);
-    EXPECT_EQ(consumer.wakeups, 0);  // held until the burst ends
+    EXPECT_EQ(consumer.wakeups, 0);  // records and wake-up are held until the burst ends
+    EXPECT_EQ(atcmder_empty_queue(GetParam().head, GetParam().list_mutex), 1u);
     atcmder_burst_end();
     ASSERT_TRUE(wait_until([&] { return consumer.taken == 50; }));
     EXPECT_EQ(consumer.wakeups, 1);

@@ -139,15 +139,16 @@ void at_rx_frame(struct at_rx_buffer *rx, size_t received, at_rx_deliver_fn deli
 /* ---- Producers and consumers: the wake-up protocol ---------------------------------------- */
 
 /* The one way onto each queue for the engine's producers: puts a copy of `cmd` on the queue and
- * wakes its consumer when the consumer is asleep (or, inside a burst, when the burst ends).
+ * wakes its consumer when the consumer is asleep (inside a burst: when the burst ends).
  * Same status codes as atcmder_enqueue; a refused record wakes nobody. */
 uint32_t atcmder_send_to_tx(const AtCmder_t *cmd);
 uint32_t atcmder_send_to_rx(const AtCmder_t *cmd);
 uint32_t atcmder_send_to_timeout(const AtCmder_t *cmd);
 
-/* A burst of records from one thread (one received chunk): wake-ups of the queues it fills are
- * held until the matching end, so the consumer wakes once and drains the whole burst. Nests;
- * per thread. */
+/* A burst of records from one thread (one received chunk): the records it queues are held by
+ * the thread and join their queues, in order, at the matching end, each queue under one lock
+ * and with one wake-up, so the consumer wakes once and drains the whole burst. Nests; per
+ * thread. The statuses are those of atcmder_enqueue, given when the record is held. */
 void atcmder_burst_begin(void);
 void atcmder_burst_end(void);
 

@@ -75,23 +75,58 @@ QueueWaiter *engine_queue(const struct atcmder_queue_head *head, const pthread_m
     return w != nullptr && w->list_mutex == mutex ? w : nullptr;
 }
 
-// Called with the list mutex held. A reused node keeps old bytes after its text's terminator;
-// nothing reads past the terminator.
+// Spare nodes form a singly linked list through the first bytes of their text buffers. A reused
+// node keeps old bytes after its new text's terminator; nothing reads past the terminator.
+struct atcmder_node *pop_node(struct atcmder_node *&list) {
+    struct atcmder_node *node = list;
+    if (node != nullptr) list = *reinterpret_cast<struct atcmder_node **>(node->buf);
+    return node;
+}
+
+void push_node(struct atcmder_node *&list, struct atcmder_node *node) {
+    *reinterpret_cast<struct atcmder_node **>(node->buf) = list;
+    list = node;
+}
+
+// Called with the list mutex held.
 struct atcmder_node *take_spare(QueueWaiter *w) {
     if (w == nullptr || w->spares == nullptr) return nullptr;
-    struct atcmder_node *node = w->spares;
-    w->spares = *reinterpret_cast<struct atcmder_node **>(node->buf);
     --w->spare_count;
-    return node;
+    return pop_node(w->spares);
 }
 
 // Called with the list mutex held; false when the node is to be freed instead.
 bool keep_spare(QueueWaiter *w, struct atcmder_node *node) {
     if (w == nullptr || w->spare_count >= kMaxSpares) return false;
-    *reinterpret_cast<struct atcmder_node **>(node->buf) = w->spares;
-    w->spares = node;
+    push_node(w->spares, node);
     ++w->spare_count;
     return true;
+}
+
+// The checks every record passes before it is queued; its text length goes to *len.
+uint32_t check_record(const AtCmder_t *cmd, size_t *len) {
+    if (cmd == nullptr || cmd->data == nullptr) {
+        ATCMD_LOG_AS("atcmder_enqueue", LOG_TAG, 0, "Input atcmder data is NULL!");
+        return ATCMDER_QUEUE_NULL;
+    }
+    *len = strnlen(cmd->data, AT_LINE_BUF_SIZE);
+    if (*len >= AT_LINE_BUF_SIZE) {
+        // A line must fit the node's buffer with its terminator; a longer one is refused whole
+        // rather than cut, so that nothing half-formed reaches a channel.
+        ATCMD_LOG_AS("atcmder_enqueue", LOG_TAG, 0,
+                     "atcmder_enqueue refuses a line of %d bytes or more: %.40s...\n",
+                     AT_LINE_BUF_SIZE, cmd->data);
+        return ATCMDER_QUEUE_TOO_LONG;
+    }
+    return ATCMDER_QUEUE_OK;
+}
+
+// The node holds a copy of the record whose data points to the node's own text.
+void fill_node(struct atcmder_node *node, const AtCmder_t *cmd, size_t len) {
+    node->cmd = *cmd;
+    memcpy(node->buf, cmd->data, len);
+    node->buf[len] = '\0';
+    node->cmd.data = node->buf;
 }
 
 // Signals only a consumer that is (or is about to be) asleep, and only once per sleep.
@@ -105,15 +140,65 @@ void wake(QueueWaiter &w) {
     pthread_mutex_unlock(w.wait_mutex);
 }
 
+// Records of the calling thread's open burst, per queue. They wait in the thread's own list and
+// join the queue under one lock when the burst ends, so a received chunk costs the consumer one
+// lock hand-over instead of one per line. Their nodes come from the queue's spares, taken all at
+// once when the burst first uses the queue and handed back at its end.
+struct HeldRecords {
+    bool open;
+    struct atcmder_queue_head records;
+    struct atcmder_node *spares;
+};
+thread_local HeldRecords t_held[kWaiterCount];
+
+uint32_t hold(size_t index, const AtCmder_t *cmd) {
+    size_t len = 0;
+    const uint32_t status = check_record(cmd, &len);
+    if (status != ATCMDER_QUEUE_OK) return status;
+    QueueWaiter &w = g_waiters[index];
+    HeldRecords &h = t_held[index];
+    if (!h.open) {
+        TAILQ_INIT(&h.records);
+        pthread_mutex_lock(w.list_mutex);
+        h.spares = w.spares;
+        w.spares = nullptr;
+        w.spare_count = 0;
+        pthread_mutex_unlock(w.list_mutex);
+        h.open = true;
+    }
+    struct atcmder_node *node = pop_node(h.spares);
+    if (node == nullptr) {
+        node = static_cast<struct atcmder_node *>(calloc(1, sizeof(struct atcmder_node)));
+        if (node == nullptr) return ATCMDER_QUEUE_NOMEM;
+    }
+    fill_node(node, cmd, len);
+    TAILQ_INSERT_TAIL(&h.records, node, link);
+    t_held_wakeups |= 1u << index;
+    return ATCMDER_QUEUE_OK;
+}
+
+// The held records join the tail of their queue, in order, and the unused spares go back.
+void release(size_t index) {
+    QueueWaiter &w = g_waiters[index];
+    HeldRecords &h = t_held[index];
+    if (!h.open) return;
+    struct atcmder_node *surplus = nullptr;
+    pthread_mutex_lock(w.list_mutex);
+    TAILQ_CONCAT(w.head, &h.records, link);
+    while (struct atcmder_node *node = pop_node(h.spares)) {
+        if (!keep_spare(&w, node)) push_node(surplus, node);
+    }
+    pthread_mutex_unlock(w.list_mutex);
+    while (struct atcmder_node *node = pop_node(surplus)) free(node);
+    h.open = false;
+    wake(w);
+}
+
 uint32_t send_to(size_t index, const AtCmder_t *cmd) {
+    if (t_burst_depth > 0) return hold(index, cmd);
     QueueWaiter &w = g_waiters[index];
     const uint32_t status = atcmder_enqueue(w.head, w.list_mutex, cmd);
-    if (status != ATCMDER_QUEUE_OK) return status;
-    if (t_burst_depth > 0) {
-        t_held_wakeups |= 1u << index;
-    } else {
-        wake(w);
-    }
+    if (status == ATCMDER_QUEUE_OK) wake(w);
     return status;
 }
 
@@ -163,18 +248,9 @@ void atcmder_wait_queue(struct atcmder_queue_head *head, pthread_mutex_t *list_m
 
 uint32_t atcmder_enqueue(struct atcmder_queue_head *head, pthread_mutex_t *mutex,
                          const AtCmder_t *cmd) {
-    if (cmd == nullptr || cmd->data == nullptr) {
-        ATCMD_LOG(0, "Input atcmder data is NULL!");
-        return ATCMDER_QUEUE_NULL;
-    }
-    const size_t len = strnlen(cmd->data, AT_LINE_BUF_SIZE);
-    if (len >= AT_LINE_BUF_SIZE) {
-        // A line must fit the node's buffer with its terminator; a longer one is refused whole
-        // rather than cut, so that nothing half-formed reaches a channel.
-        ATCMD_LOG(0, "atcmder_enqueue refuses a line of %d bytes or more: %.40s...\n",
-                  AT_LINE_BUF_SIZE, cmd->data);
-        return ATCMDER_QUEUE_TOO_LONG;
-    }
+    size_t len = 0;
+    const uint32_t status = check_record(cmd, &len);
+    if (status != ATCMDER_QUEUE_OK) return status;
 
     QueueWaiter *const w = engine_queue(head, mutex);
     pthread_mutex_lock(mutex);
@@ -185,10 +261,7 @@ uint32_t atcmder_enqueue(struct atcmder_queue_head *head, pthread_mutex_t *mutex
         if (node == nullptr) return ATCMDER_QUEUE_NOMEM;
         pthread_mutex_lock(mutex);
     }
-    node->cmd = *cmd;
-    memcpy(node->buf, cmd->data, len);
-    node->buf[len] = '\0';
-    node->cmd.data = node->buf;
+    fill_node(node, cmd, len);
     TAILQ_INSERT_TAIL(head, node, link);
     pthread_mutex_unlock(mutex);
     return ATCMDER_QUEUE_OK;
@@ -249,6 +322,6 @@ void atcmder_burst_end(void) {
     const unsigned held = t_held_wakeups;
     t_held_wakeups = 0;
     for (size_t i = 0; i < kWaiterCount; ++i) {
-        if ((held & (1u << i)) != 0) wake(g_waiters[i]);
+        if ((held & (1u << i)) != 0) release(i);
     }
 }
