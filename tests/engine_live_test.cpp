@@ -7,6 +7,7 @@
 #include <sys/time.h>
 #include <unistd.h>
 
+#include "hal/link_words.h"
 #include "serial/serial.h"
 #include "supervision/supervision.h"
 #include "support/test_support.h"
@@ -61,7 +62,9 @@ protected:
 TEST_F(EngineLiveTest, UnansweredRequestIsResentFirstWhenTheSecondTurnsThenTwiceAndReported) {
     dev->system_status.mode = AT_MODE_USB;  // platform 1: the accessory's ACM port is the pty
     accessory.link_as(sb, "/dev/ttyACM3");
-    ASSERT_EQ(VUART_init(&g_vuart_fd, 3), 0);
+    int32_t fd = -1;  // published whole: the live hotplug's unplug at tear-down reads it
+    ASSERT_EQ(VUART_init(&fd, 3), 0);
+    link_store(g_vuart_fd, fd);
     const long start = clock_within(940000, 960000);
     send("AT+VER?#5&1\r\n", AT_MSG_VER, 5, 1);
     ASSERT_EQ(read_copies("AT+VER?#5&1\r\n", 2), "AT+VER?#5&1\r\nAT+VER?#5&1\r\n");

@@ -3,11 +3,13 @@
 #include <gtest/gtest.h>
 
 #include <dirent.h>
+#include <string.h>
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <set>
+#include <vector>
 
 #include "accessory/accessory.h"
 #include "hal/hal.h"
@@ -40,16 +42,13 @@ TEST(HalOpenTest, DeviceStartsWithItsDefaults) {
     atcmdprocess_device_t *dev = open_module();
     ASSERT_NE(dev, nullptr);
     EXPECT_EQ(g_patcmd_dev, dev);
-    EXPECT_EQ(dev->common.tag, static_cast<uint32_t>(HARDWARE_DEVICE_TAG));
-    EXPECT_EQ(dev->common.module, &HMI);
-    EXPECT_EQ(dev->common.close, atcmdprocess_close);
-    EXPECT_EQ(dev->system_status.platform, PLATFORM_VUART);
-    EXPECT_EQ(dev->system_status.mode, AT_MODE_NONE);
-    EXPECT_EQ(dev->system_status.wifi_status, -1);
-    EXPECT_EQ(dev->system_status.phone_state, 1);
-    EXPECT_EQ(dev->usb_status, -1);
-    EXPECT_EQ(dev->usb_connected, -1);
-    EXPECT_EQ(dev->atcmdprocess_amlogic_shake_hands, atcmdprocess_amlogic_shake_hands);
+    EXPECT_TRUE(dev->common.tag == HARDWARE_DEVICE_TAG && dev->common.module == &HMI &&
+                dev->common.close == atcmdprocess_close &&
+                dev->atcmdprocess_amlogic_shake_hands == atcmdprocess_amlogic_shake_hands);
+    const auto &s = dev->system_status;
+    EXPECT_EQ((std::vector<int32_t>{s.platform, s.mode, s.wifi_status, s.phone_state,
+                                    dev->usb_status, dev->usb_connected}),
+              (std::vector<int32_t>{PLATFORM_VUART, AT_MODE_NONE, -1, 1, -1, -1}));
     EXPECT_EQ(g_timeout, ATCMD_TIMEOUT_DEFAULT);
     EXPECT_STREQ(HMI.id, "atcmdprocess");
     EXPECT_TRUE(sb.wait_log("g_patcmd_dev->system_status.platform is 1"));
@@ -78,35 +77,27 @@ TEST(HalOpenTest, StartsTheEngineThreadsByName) {
     EXPECT_EQ(g_uartRx_thread, 0u);
 }
 
-TEST(HalCommandTest, CommandFromUpperLayerLandsOnTxQueueByteForByte) {
-    Sandbox sb;
-    bare_device();
-    char line[] = "AT+VER?#11&1\r\n";
-    AtCmder_t cmd = {AT_TYPE_QUERY, 0, AT_NODE_ACCESSORY, 1, 0, AT_MSG_VER, 11, 0, 0, line};
-    EXPECT_EQ(atcmdprocess_cmd_from_hidl(&cmd), 0);
-    const auto queued = drain_tx_queue();
-    ASSERT_EQ(queued.size(), 1u);
-    EXPECT_EQ(queued[0].text, "AT+VER?#11&1\r\n");
-    EXPECT_EQ(memcmp(&queued[0].cmd, &cmd, offsetof(AtCmder_t, data)), 0);
-}
-
-TEST(HalCommandTest, BadRecordsFromUpperLayerAreDropped) {
+// A whole record is queued byte for byte; a NULL, over-long or empty one is logged and dropped.
+TEST(HalCommandTest, CommandsFromUpperLayerAreQueuedOrDropped) {
     Sandbox sb;
     log_file_init(ATCMD_LOG_DIR, ATCMD_LOG_FILE);
     bare_device();
     EXPECT_EQ(atcmdprocess_cmd_from_hidl(nullptr), -22);
-    std::string too_long(AT_LINE_BUF_SIZE + 40, 'A');
-    char empty[] = "";
-    for (char *text : {static_cast<char *>(nullptr), too_long.data(), empty}) {
-        AtCmder_t cmd = {};
-        cmd.data = text;
+    std::string too_long(AT_LINE_BUF_SIZE + 40, 'A'), empty, line = "AT+VER?#11&1\r\n";
+    const std::pair<char *, const char *> cases[] = {
+        {nullptr, "Input atcmder data is NULL!"},
+        {too_long.data(), "refuses a line of 160 bytes or more"},
+        {empty.data(), "got an empty line, dropped"},
+        {line.data(), "no notice"}};
+    for (const auto &[text, message] : cases) {
+        AtCmder_t cmd = {AT_TYPE_QUERY, 0, AT_NODE_ACCESSORY, 1, 0, AT_MSG_VER, 11, 0, 0, text};
         EXPECT_EQ(atcmdprocess_cmd_from_hidl(&cmd), 0);
+        const auto queued = drain_tx_queue();  // would block for ever had the empty line got in
+        EXPECT_EQ(queued.size(), text == line.data() ? 1u : 0u) << message;
+        if (queued.empty()) EXPECT_NE(sb.log_text().find(message), std::string::npos) << message;
+        else EXPECT_TRUE(queued[0].text == line &&
+                         memcmp(&queued[0].cmd, &cmd, offsetof(AtCmder_t, data)) == 0);
     }
-    EXPECT_TRUE(drain_tx_queue().empty());  // would block for ever had the empty line got in
-    const std::string log = sb.log_text();
-    EXPECT_NE(log.find("Input atcmder data is NULL!"), std::string::npos);
-    EXPECT_NE(log.find("refuses a line of 160 bytes or more"), std::string::npos);
-    EXPECT_NE(log.find("got an empty line, dropped"), std::string::npos);
 }
 
 TEST(HalCallbackTest, MessagesWithoutCallbackAreDroppedNotCalled) {

@@ -85,12 +85,11 @@ TEST_F(Serial, InitOpensOnlyTerminalsThatThenReceiveAndSend) {
     EXPECT_STREQ(buf, "+VER=1\r\n");
     EXPECT_EQ(UART_Send(open("/dev/null", O_RDONLY), "+OK\r\n", 5), -1);
     const std::string texts[] = {
-        "open AMLOGIC UART fails", "serial fcntl=0", "serial open success!", "Serial set done!",
+        "open AMLOGIC UART fails", "serial fcntl=0",
         "open serial /dev/ttyACM3 fails, error num is -1, error num is No such file",
         "serial standard input is not a terminal device\n", "serial write device error\n",
-        "serial standard input is not a terminal device!", "serial send data is AT+VER?#1&1\r\n",
+        "serial standard input is not a terminal device!",
         "serial open successfully, vuart fd is " + std::to_string(fd) + "!",
-        "Init uart /dev/ttyS4 successfully, uart fd is ",
         "Init Vuart /dev/ttyACM3 successfully, Vuart fd is " + std::to_string(fd)};
     for (const std::string &text : texts) EXPECT_TRUE(logged(text)) << text;
 }

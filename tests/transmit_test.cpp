@@ -39,8 +39,6 @@ TEST(TransmitTest, ChannelStatusAndAnswerWatchByPlatformModeAndDestination) {
     };
     for (const Case &c : cases)  // every channel closed
         EXPECT_EQ(tx(c), closed[c.where]) << "closed, row " << (&c - cases);
-    for (const char *text : {"uart is not open", "Vuart is not open", "wifi fifo is not opened!"})
-        EXPECT_NE(sb.log_text().find(text), std::string::npos) << text;
     g_fifo_tx_fd = open("/dev/null", O_RDONLY | O_CLOEXEC);  // every write fails
     EXPECT_EQ(tx(cases[1]), ATCMDER_TX_WIFI_WRITE_FAILED);  // platform 2 logs the failure alone
     EXPECT_NE(sb.log_text().find("wifi fifotx fails to write data AT+SN?#13&2"), std::string::npos);

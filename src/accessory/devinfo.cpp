@@ -55,11 +55,12 @@ constexpr std::array<QueryRow, kQueryCount> kQueries = {{
     {"AT+MODE?#0&2\r\n", AT_MSG_MODE, kLongQueryBuf, true},
 }};
 
-// Builds the query line of `index` for this side's platform and queues it.
-void send_query(QueryIndex index) {
+// Builds the query line of `index` for this side's platform and queues it; `func` is the
+// query function the log lines are written for.
+void send_query(QueryIndex index, const char *func) {
     const QueryRow &q = kQueries[index];
     if (g_patcmd_dev == nullptr) {
-        ATCMD_LOG(0, "no device, query %s dropped", q.text);
+        ATCMD_LOG_AS(func, LOG_TAG, 0, "no device, query %s dropped", q.text);
         return;
     }
     const int32_t platform = g_patcmd_dev->system_status.platform;
@@ -68,7 +69,7 @@ void send_query(QueryIndex index) {
                           : snprintf(text, q.buf_size, "%s%u&%d\r\n", q.text, q.row,
                                      platform == PLATFORM_VUART ? PLATFORM_VUART : PLATFORM_UART);
     if (n < 0 || static_cast<size_t>(n) >= q.buf_size) {
-        ATCMD_LOG(0, "query line %s does not fit, dropped", q.text);
+        ATCMD_LOG_AS(func, LOG_TAG, 0, "query line %s does not fit, dropped", q.text);
         return;
     }
     AtCmder_t cmd = {};
@@ -83,19 +84,19 @@ void send_query(QueryIndex index) {
 
 }  // namespace
 
-void get_corvel_BATINFO(void) { send_query(kQueryBat); }
-void get_remote_bt_mac(void) { send_query(kQueryBleMac); }
-void get_corvel_state(void) { send_query(kQueryState); }
-void get_corvel_sn(void) { send_query(kQuerySn); }
-void get_corvel_sid(void) { send_query(kQuerySid); }
-void get_corvel_type(void) { send_query(kQueryType); }
-void get_corvel_usbstate(void) { send_query(kQueryUsbState); }
-void get_corvel_screensts(void) { send_query(kQueryScreen); }
-void get_corvel_micmode(void) { send_query(kQueryMicMode); }
-void get_corvel_castmode(void) { send_query(kQueryCastMode); }
+void get_corvel_BATINFO(void) { send_query(kQueryBat, __func__); }
+void get_remote_bt_mac(void) { send_query(kQueryBleMac, __func__); }
+void get_corvel_state(void) { send_query(kQueryState, __func__); }
+void get_corvel_sn(void) { send_query(kQuerySn, __func__); }
+void get_corvel_sid(void) { send_query(kQuerySid, __func__); }
+void get_corvel_type(void) { send_query(kQueryType, __func__); }
+void get_corvel_usbstate(void) { send_query(kQueryUsbState, __func__); }
+void get_corvel_screensts(void) { send_query(kQueryScreen, __func__); }
+void get_corvel_micmode(void) { send_query(kQueryMicMode, __func__); }
+void get_corvel_castmode(void) { send_query(kQueryCastMode, __func__); }
 
 int get_corvel_ver(void) {
-    send_query(kQueryVer);
+    send_query(kQueryVer, __func__);
     return 0;
 }
 

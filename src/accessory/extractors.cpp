@@ -23,6 +23,8 @@ constexpr char kVerNameEnd = ':';  // a version item's name ends here, its value
 constexpr char kVerItemEnd = ',';  // separates version items
 constexpr int kDecimal = 10;
 constexpr char kEmptyVerItem[] = "NULL";
+// The bounded copy behind getstr_fromCmdString logs under the extractor's own name.
+constexpr char kGetstr[] = "getstr_fromCmdString";
 
 struct StateWord {
     const char *word;
@@ -44,21 +46,34 @@ constexpr int32_t kUnknownState = -1;
 constexpr std::array<size_t, CORVEL_VER_ITEMS> kVerSlotOffsets = CORVEL_VER_SLOT_OFFSETS;
 constexpr std::array<size_t, CORVEL_VER_ITEMS> kVerSlotSizes = CORVEL_VER_SLOT_SIZES;
 
-// Reads `count` numbers: the first after the first "=", each further one after exactly one
+// One list of numbers: how many, the extractor that reads it (named in its log lines) and the
+// text of its error line.
+struct NumberList {
+    const char *func;
+    size_t count;
+    const char *error;
+};
+
+constexpr NumberList kBatinfo = {"getBatinfo_fromCmdString", 6, "Batinfo para error"};
+constexpr NumberList kTmpinfo = {"getTmpinfo_fromCmdString", 2, "Tmpinfo para error"};
+constexpr NumberList kUsbDevinfo = {"getUsbDevinfo_fromCmdString", 2, "usbstate para error"};
+constexpr NumberList kHallinfo = {"getHALLinfo_fromCmdString", 3, "get Hall info error"};
+constexpr NumberList kAccinfo = {"getACCinfo_fromCmdString", 3, "get Acc sensor info error"};
+
+// Reads `list.count` numbers: the first after the first "=", each further one after exactly one
 // separator character that follows the previous number. A number that is absent reads as 0 as
-// long as the cursor is still inside the line; running off the end gives NO_VALUE. `what` names
-// the payload in the error line.
-uint32_t extract_numbers(const char *line, int32_t *values, size_t count, const char *what) {
+// long as the cursor is still inside the line; running off the end gives NO_VALUE.
+uint32_t extract_numbers(const NumberList &list, const char *line, int32_t *values) {
     if (line == nullptr || values == nullptr) {
-        ATCMD_LOG(0, "%s, raw data is %s! ", what, "(null)");
+        ATCMD_LOG_AS(list.func, LOG_TAG, 0, "%s, raw data is %s! ", list.error, "(null)");
         return ATCMD_EXTRACT_NO_VALUE;
     }
     const char *const end = line + strlen(line);
-    memset(values, 0, count * sizeof *values);
+    memset(values, 0, list.count * sizeof *values);
     const char *cursor = strchr(line, kValueMark);
-    for (size_t i = 0; i < count; ++i) {
+    for (size_t i = 0; i < list.count; ++i) {
         if (cursor == nullptr || cursor >= end) {
-            ATCMD_LOG(0, "%s, raw data is %s! ", what, line);
+            ATCMD_LOG_AS(list.func, LOG_TAG, 0, "%s, raw data is %s! ", list.error, line);
             return ATCMD_EXTRACT_NO_VALUE;
         }
         char *next = nullptr;
@@ -70,11 +85,11 @@ uint32_t extract_numbers(const char *line, int32_t *values, size_t count, const 
 
 // Copies `len` bytes of `value` into a slot of `size` bytes and terminates it. A value that does
 // not fit is cut so the slot keeps its terminator, and the cut is logged: nothing from the wire
-// ever writes past its field.
-void copy_bounded(char *slot, size_t size, const char *value, size_t len) {
+// ever writes past its field. `func` is the extractor the log line is written for.
+void copy_bounded(const char *func, char *slot, size_t size, const char *value, size_t len) {
     if (len >= size) {
-        ATCMD_LOG(0, "value of %zu bytes cut to %zu bytes: %.*s", len, size - 1,
-                  static_cast<int>(len), value);
+        ATCMD_LOG_AS(func, LOG_TAG, 0, "value of %zu bytes cut to %zu bytes: %.*s", len, size - 1,
+                     static_cast<int>(len), value);
         len = size - 1;
     }
     memcpy(slot, value, len);
@@ -107,7 +122,7 @@ uint32_t getvalue_fromCmdString(const char *line, int32_t *value) {
 
 uint32_t atcmd_getstr_bounded(const char *line, char *out, size_t out_size) {
     if (line == nullptr || out == nullptr || out_size == 0) {
-        ATCMD_LOG(0, "getstr: null line or output");
+        ATCMD_LOG_AS(kGetstr, LOG_TAG, 0, "getstr: null line or output");
         return ATCMD_EXTRACT_NO_DELIMITER;
     }
     const char *eq = strchr(line, kValueMark);
@@ -118,10 +133,10 @@ uint32_t atcmd_getstr_bounded(const char *line, char *out, size_t out_size) {
         // "#" (or CR) before the "=" leaves no end mark after the value. The safe reading is
         // "no value": the output is the empty text and the caller sees a missing delimiter.
         out[0] = '\0';
-        ATCMD_LOG(0, "getstr: end mark before '=', raw data is %s", line);
+        ATCMD_LOG_AS(kGetstr, LOG_TAG, 0, "getstr: end mark before '=', raw data is %s", line);
         return ATCMD_EXTRACT_NO_DELIMITER;
     }
-    copy_bounded(out, out_size, eq + 1, static_cast<size_t>(mark - eq - 1));
+    copy_bounded(kGetstr, out, out_size, eq + 1, static_cast<size_t>(mark - eq - 1));
     return ATCMD_EXTRACT_OK;
 }
 
@@ -149,27 +164,26 @@ uint32_t getstate_fromCmdString(const char *line, int32_t *state) {
 }
 
 uint32_t getBatinfo_fromCmdString(const char *line, int32_t *values) {
-    return extract_numbers(line, values, 6, "Batinfo para error");
+    return extract_numbers(kBatinfo, line, values);
 }
 
 uint32_t getTmpinfo_fromCmdString(const char *line, int32_t *values) {
-    return extract_numbers(line, values, 2, "Tmpinfo para error");
+    return extract_numbers(kTmpinfo, line, values);
 }
 
 uint32_t getUsbDevinfo_fromCmdString(const char *line, usbdev_sts_t *sts) {
     int32_t pair[2] = {0, 0};
-    const uint32_t status =
-        extract_numbers(line, sts != nullptr ? pair : nullptr, 2, "usbstate para error");
+    const uint32_t status = extract_numbers(kUsbDevinfo, line, sts != nullptr ? pair : nullptr);
     if (sts != nullptr) *sts = usbdev_sts_t{pair[0], pair[1]};
     return status;
 }
 
 uint32_t getHALLinfo_fromCmdString(const char *line, int32_t *values) {
-    return extract_numbers(line, values, 3, "get Hall info error");
+    return extract_numbers(kHallinfo, line, values);
 }
 
 uint32_t getACCinfo_fromCmdString(const char *line, int32_t *values) {
-    return extract_numbers(line, values, 3, "get Acc sensor info error");
+    return extract_numbers(kAccinfo, line, values);
 }
 
 uint32_t getVerInfo_fromCmdString(const char *line, uintptr_t block_addr) {
@@ -187,10 +201,11 @@ uint32_t getVerInfo_fromCmdString(const char *line, uintptr_t block_addr) {
         if (end == nullptr) return ATCMD_EXTRACT_NO_DELIMITER;
         char *slot = block + kVerSlotOffsets[i];
         if (end <= colon + 1) {
-            copy_bounded(slot, kVerSlotSizes[i], kEmptyVerItem, strlen(kEmptyVerItem));
+            copy_bounded(__func__, slot, kVerSlotSizes[i], kEmptyVerItem, strlen(kEmptyVerItem));
             end = colon + 1;  // a ":" ending the line leaves an empty last item
         } else {
-            copy_bounded(slot, kVerSlotSizes[i], colon + 1, static_cast<size_t>(end - colon - 1));
+            copy_bounded(__func__, slot, kVerSlotSizes[i], colon + 1,
+                         static_cast<size_t>(end - colon - 1));
         }
         ATCMD_LOG(4, "ver item %d is %s", static_cast<int>(i), slot);
         cursor = end;

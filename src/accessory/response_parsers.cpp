@@ -18,6 +18,7 @@
 #include "accessory/accessory.h"
 #include "engine/engine.h"
 #include "hal/hal.h"
+#include "hal/link_words.h"
 #include "hotplug/hotplug.h"
 #include "log/atcmd_log.h"
 #include "wifi/wifi.h"
@@ -65,7 +66,7 @@ struct Link {
 // Platform and cast mode of the device; with no device neither platform applies.
 Link link_state() {
     const atcmdprocess_device *dev = g_patcmd_dev;
-    return dev != nullptr ? Link{dev->system_status.platform, dev->system_status.mode}
+    return dev != nullptr ? Link{dev->system_status.platform, link_load(dev->system_status.mode)}
                           : Link{0, AT_MODE_NONE};
 }
 
@@ -158,8 +159,8 @@ uint32_t parse_value(const ValueRow &row, AtCmder_t *cmd, const char *parser) {
 void usb_link_lost() {
     atcmdprocess_device *dev = g_patcmd_dev;
     if (dev == nullptr || dev->system_status.platform != PLATFORM_VUART) return;
-    dev->usb_status = 0;
-    dev->usb_connected = 0;
+    link_store(dev->usb_status, 0);
+    link_store(dev->usb_connected, 0);
     notify_usbevent();
 }
 
@@ -309,7 +310,8 @@ void decide_model() {
         }
     }
     g_corvel_devInfo.model = model;
-    ATCMD_LOG(kValueLevel, "TYPE_parser g_corvel_devInfo.model is %d", model);
+    ATCMD_LOG_AS("TYPE_parser", LOG_TAG, kValueLevel, "TYPE_parser g_corvel_devInfo.model is %d",
+                 model);
 }
 
 // BTMAC and BLEMAC fill the same field; the MAC is told upward only on its own platform.
@@ -361,8 +363,9 @@ uint32_t parse_local_text(const LocalTextRow &row, AtCmder_t *cmd, const char *p
 void check_loopback(const AtCmder_t *cmd, const char *text) {
     const char *expected = atcmd_ptest_pattern(cmd->seq_num);
     if (memcmp(text, expected, kPtestCompareLen) != 0) {
-        ATCMD_LOG(kValueLevel, "PTEST_parser error happens, result is %s, string should be %s",
-                  text, expected);
+        ATCMD_LOG_AS("PTEST_parser", LOG_TAG, kValueLevel,
+                     "PTEST_parser error happens, result is %s, string should be %s", text,
+                     expected);
     }
 }
 
@@ -494,12 +497,13 @@ uint32_t USBSTATE_parser(AtCmder_t *cmd) {
         ATCMD_LOG(0, "USBSTATE_parser without a device, USB state dropped");
         return kParsed;
     }
-    dev->usb_connected = sts.connected;
-    dev->usb_status = sts.status;
-    dev->system_status.mode = cast_mode(sts.connected, dev->system_status.wifi_status);
+    link_store(dev->usb_connected, sts.connected);
+    link_store(dev->usb_status, sts.status);
+    link_store(dev->system_status.mode,
+               cast_mode(sts.connected, link_load(dev->system_status.wifi_status)));
     notify_usbevent();
     relay_to_peer(cmd, kRelay);
-    ATCMD_LOG(kCastModeLevel, "Current cast mode is %d", dev->system_status.mode);
+    ATCMD_LOG(kCastModeLevel, "Current cast mode is %d", link_load(dev->system_status.mode));
     return kParsed;
 }
 

@@ -83,10 +83,11 @@ bool wait_property(const char *key, char *value) {
     return retries < kPropertyRetries;
 }
 
-// The device's platform, or 0 (neither platform) with an error line when there is no device.
-int32_t current_platform() {
+// The device's platform, or 0 (neither platform) with an error line, written for the sender
+// `func`, when there is no device.
+int32_t current_platform(const char *func) {
     if (g_patcmd_dev != nullptr) return g_patcmd_dev->system_status.platform;
-    ATCMD_LOG(0, "no device, line dropped");
+    ATCMD_LOG_AS(func, LOG_TAG, 0, "no device, line dropped");
     return 0;
 }
 
@@ -113,7 +114,7 @@ void send_stateToMCU(void) {
 void send_stateToMPHONE(int32_t state) { send_state_line(state_word(state), AT_NODE_PLATFORM1); }
 
 void send_bt_mac(void) {
-    const int32_t platform = current_platform();
+    const int32_t platform = current_platform(__func__);
     if (platform == 0) return;
     char mac[PROPERTY_VALUE_MAX] = {};
     if (!wait_property(bt_mac_prop, mac)) {
@@ -131,7 +132,7 @@ void send_bt_mac(void) {
 // Tells the accessory the Wi-Fi module's version: the one cached in slot 3, or else the version
 // property, cached when it fits the slot with its terminator.
 void send_amlogic_ver(void) {
-    if (current_platform() != PLATFORM_UART) return;
+    if (current_platform(__func__) != PLATFORM_UART) return;
     char *slot = g_corvel_devInfo.ver + kVerSlotOffsets[kWifiVerSlot];
     char version[PROPERTY_VALUE_MAX] = {};
     if (slot[0] != '\0') {
@@ -154,7 +155,7 @@ void send_amlogic_ver(void) {
 
 // One step of the loop-back test: odd steps send one pattern, even steps the other.
 void send_ptest_data(uint32_t n) {
-    if (current_platform() != PLATFORM_UART) return;
+    if (current_platform(__func__) != PLATFORM_UART) return;
     char text[AT_LINE_BUF_SIZE] = {};
     snprintf(text, sizeof text, "AT+PTEST=%s#%u&%d\r\n", atcmd_ptest_pattern(n), n, PLATFORM_UART);
     queue_line({0, AT_NODE_ACCESSORY, 0, 0, 0}, text);

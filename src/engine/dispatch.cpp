@@ -11,6 +11,7 @@
 
 #include "engine/engine.h"
 #include "hal/hal.h"
+#include "hal/link_words.h"
 #include "log/atcmd_log.h"
 #include "supervision/supervision.h"
 
@@ -37,7 +38,7 @@ int atcmder_post_parse_process(AtCmder_t *cmd) {
     // Without a device (nothing opened yet) the platform is unknown: nothing is bridged.
     const struct atcmdprocess_device *dev = g_patcmd_dev;
     const int32_t platform = dev != nullptr ? dev->system_status.platform : 0;
-    const int32_t mode = dev != nullptr ? dev->system_status.mode : AT_MODE_NONE;
+    const int32_t mode = dev != nullptr ? link_load(dev->system_status.mode) : AT_MODE_NONE;
     ATCMD_LOG(4, "current platform is %d, mode is %d, flag is %d", platform, mode, cmd->flag);
 
     if (is_bridged(cmd, platform, mode)) {

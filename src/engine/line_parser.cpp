@@ -170,13 +170,13 @@ bool look_up(const Parse &p, Lookup lookup) {
 
 // The line is dropped and the same character is looked at again in Start.
 void reject(Parse &p) {
-    ATCMD_LOG(3, "Cmd  %s is not supported!", p.cmd->data);
+    ATCMD_LOG_AS("cmd_Parse_from_buffer", LOG_TAG, 3, "Cmd  %s is not supported!", p.cmd->data);
     clear_line(p);
     p.state = State::Start;
 }
 
 void skip_garbage(Parse &p) {
-    ATCMD_LOG(4, "Cmd is not supported!");
+    ATCMD_LOG_AS("cmd_Parse_from_buffer", LOG_TAG, 4, "Cmd is not supported!");
     clear_line(p);
     const char *nl = static_cast<const char *>(memchr(p.text + p.pos, '\n', p.len - p.pos));
     p.pos = nl != nullptr ? static_cast<size_t>(nl - p.text) + 1 : p.pos + 1;
@@ -186,8 +186,9 @@ void end_line(Parse &p) {
     store(p, '\n');
     if (is_report_row(p.cmd->cmd_id)) p.cmd->type = AT_TYPE_REPORT;
     atcmder_post_parse_process(p.cmd);
-    ATCMD_LOG(3, "Get one line cmd: idx is %u ,  seq num is %d, flag is %d, cmd is %s",
-              p.cmd->cmd_id, p.cmd->seq_num, p.cmd->flag, p.cmd->data);
+    ATCMD_LOG_AS("cmd_Parse_from_buffer", LOG_TAG, 3,
+                 "Get one line cmd: idx is %u ,  seq num is %d, flag is %d, cmd is %s",
+                 p.cmd->cmd_id, p.cmd->seq_num, p.cmd->flag, p.cmd->data);
     clear_line(p);
 }
 

@@ -15,6 +15,7 @@
 
 #include "engine/engine.h"
 #include "hal/hal.h"
+#include "hal/link_words.h"
 #include "log/atcmd_log.h"
 #include "serial/serial.h"
 #include "supervision/supervision.h"
@@ -42,14 +43,14 @@ constexpr WiredLink kVuart = {&g_vuart_fd, VUART_Send, ATCMDER_TX_VUART_CLOSED, 
                               "Vuart successfully send cmd len is %zu, data is %s"};
 
 uint32_t send_wired(const WiredLink &link, const char *text) {
-    const int32_t fd = *link.fd;
+    const int32_t fd = link_load(*link.fd);  // the supervisor replaces it on plug and unplug
     if (fd == -1) {
-        ATCMD_LOG(0, "%s", link.not_open);
+        ATCMD_LOG_AS("atcmder_Tx_process", LOG_TAG, 0, "%s", link.not_open);
         return link.closed_status;
     }
     const size_t len = strlen(text);
     link.send(fd, text, len);  // a failed send is left to the time-out and resend
-    ATCMD_LOG(4, link.sent_format, len, text);
+    ATCMD_LOG_AS("atcmder_Tx_process", LOG_TAG, 4, link.sent_format, len, text);
     return ATCMDER_TX_OK;
 }
 
@@ -69,14 +70,14 @@ bool write_fifo(const char *text) {
 // Platform 2, the Wi-Fi client side.
 uint32_t send_wifi_client(const char *text) {
     if (g_fifo_tx_fd == -1) {
-        ATCMD_LOG(0, "wifi fifo is not opened!");
+        ATCMD_LOG_AS("atcmder_Tx_process", LOG_TAG, 0, "wifi fifo is not opened!");
         return ATCMDER_TX_WIFI_CLOSED;
     }
     if (!write_fifo(text)) {
-        ATCMD_LOG(0, "wifi fifotx fails to write data %s", text);
+        ATCMD_LOG_AS("atcmder_Tx_process", LOG_TAG, 0, "wifi fifotx fails to write data %s", text);
         return ATCMDER_TX_WIFI_WRITE_FAILED;
     }
-    ATCMD_LOG(4, "wifi fifotx successfully send data %s", text);
+    ATCMD_LOG_AS("atcmder_Tx_process", LOG_TAG, 4, "wifi fifotx successfully send data %s", text);
     return ATCMDER_TX_OK;
 }
 
@@ -84,13 +85,14 @@ uint32_t send_wifi_client(const char *text) {
 // so a failure shows both lines; the two branches keep their own texts.
 uint32_t send_wifi_server(const char *text) {
     if (g_fifo_tx_fd == -1) {
-        ATCMD_LOG(0, "wifi fifo is not opened!");
+        ATCMD_LOG_AS("atcmder_Tx_process", LOG_TAG, 0, "wifi fifo is not opened!");
         return ATCMDER_TX_WIFI_CLOSED;
     }
     const bool written = write_fifo(text);
-    ATCMD_LOG(4, "wifi fifotx successfully send data %s", text);
+    ATCMD_LOG_AS("atcmder_Tx_process", LOG_TAG, 4, "wifi fifotx successfully send data %s", text);
     if (!written) {
-        ATCMD_LOG(0, "atcmder_Tx_process fifotx fail to send data %s", text);
+        ATCMD_LOG_AS("atcmder_Tx_process", LOG_TAG, 0,
+                     "atcmder_Tx_process fifotx fail to send data %s", text);
         return ATCMDER_TX_WIFI_WRITE_FAILED;
     }
     return ATCMDER_TX_OK;
@@ -127,7 +129,7 @@ void watch_for_answer(AtCmder_t *cmd) {
     cmd->tv_sec = static_cast<int32_t>(now.tv_sec);
     cmd->tv_usec = static_cast<int32_t>(now.tv_usec);
     atcmder_send_to_timeout(cmd);
-    ATCMD_LOG(4, "Timeout buf enqueued cmd %s", cmd->data);
+    ATCMD_LOG_AS("atcmder_Tx_thread", LOG_TAG, 4, "Timeout buf enqueued cmd %s", cmd->data);
 }
 
 // A Wi-Fi peer that closed its end of the FIFO must not end the hosting process: with SIGPIPE
@@ -156,7 +158,7 @@ void *atcmder_Tx_thread(void * /*arg*/) {
             if (awaits_answer(cmd, g_patcmd_dev->system_status.platform)) watch_for_answer(&cmd);
             if (atcmder_Tx_process(&cmd) == ATCMDER_TX_OK) {
                 ATCMD_LOG(3, "atcmder_Tx_thread send cmd success,dest is %u, mode is %d, cmd is %s",
-                          cmd.dest, g_patcmd_dev->system_status.mode, text);
+                          cmd.dest, link_load(g_patcmd_dev->system_status.mode), text);
             }
         }
     }
@@ -174,7 +176,7 @@ uint32_t atcmder_Tx_process(AtCmder_t *cmd) {
         return ATCMDER_TX_OK;
     }
     const int32_t platform = dev->system_status.platform;
-    const int32_t mode = dev->system_status.mode;
+    const int32_t mode = link_load(dev->system_status.mode);
     for (const ChannelRule &rule : kChannels) {
         if (rule.platform == platform && matches(rule.mode, mode) && matches(rule.dest, cmd->dest)) {
             return rule.send(cmd->data);

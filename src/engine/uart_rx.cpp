@@ -32,7 +32,8 @@ struct UartLine {
 
 void deliver(void *ctx, char *text, size_t len) {
     auto *line = static_cast<UartLine *>(ctx);
-    ATCMD_LOG(3, "Uart rcv data length is %zu, receive data is %s", len, text);
+    ATCMD_LOG_AS("atcmder_uartRx_thread", LOG_TAG, 3,
+                 "Uart rcv data length is %zu, receive data is %s", len, text);
     memset(&line->cmd, 0, sizeof line->cmd);
     line->cmd.source = AT_NODE_ACCESSORY;
     line->cmd.data = line->text;
@@ -40,7 +41,8 @@ void deliver(void *ctx, char *text, size_t len) {
 }
 
 void too_long(void * /*ctx*/, const char *held) {
-    ATCMD_LOG(3, "Uart receive data length is too long, skip it, receive data is %s ", held);
+    ATCMD_LOG_AS("atcmder_uartRx_thread", LOG_TAG, 3,
+                 "Uart receive data length is too long, skip it, receive data is %s ", held);
 }
 
 // A descriptor the read set cannot hold (-1 after a failed re-open) counts as a failed read
@@ -57,7 +59,8 @@ int read_uart(struct at_rx_buffer *rx) {
 // Closes the dead line and opens it again; a line that will not open is reported upward and
 // left at -1 (UART_init may leave the number of a descriptor it closed itself).
 void reopen_uart(void) {
-    ATCMD_LOG(3, "uart cannot receive data, uart will be re-init!");
+    ATCMD_LOG_AS("atcmder_uartRx_thread", LOG_TAG, 3,
+                 "uart cannot receive data, uart will be re-init!");
     if (g_uart_fd != -1) close(g_uart_fd);
     g_uart_fd = -1;
     if (UART_init(&g_uart_fd) != 0) {

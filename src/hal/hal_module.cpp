@@ -10,6 +10,7 @@
 
 #include "engine/engine.h"
 #include "hal/hal.h"
+#include "hal/link_words.h"
 #include "hotplug/hotplug.h"
 #include "log/atcmd_log.h"
 #include "wifi/wifi.h"
@@ -46,7 +47,7 @@ int set_notify_callback(struct atcmdprocess_device *dev, atcmdprocess_notify_cb 
         ATCMD_LOG(0, "set_notify_callback without a device, callback not stored\n");
         return kOpenFailed;
     }
-    dev->notify_callback = cb;
+    link_store(dev->notify_callback, cb);  // engine threads may be notifying already
     return 0;
 }
 
@@ -68,11 +69,13 @@ int atcmdprocess_cmd_from_hidl(const AtCmder_t *cmd) {
 
 void atcmd_notify(const AT_CMD_CbMsg_t *msg) {
     struct atcmdprocess_device *dev = g_patcmd_dev;
-    if (dev == nullptr || dev->notify_callback == nullptr) {
+    const atcmdprocess_notify_cb callback =
+        dev != nullptr ? link_load(dev->notify_callback) : nullptr;
+    if (callback == nullptr) {
         ATCMD_LOG(0, "no notify callback installed, message %u dropped\n", msg->msg_id);
         return;
     }
-    dev->notify_callback(msg);
+    callback(msg);
 }
 
 int atcmdprocess_close(struct hw_device_t *device) {

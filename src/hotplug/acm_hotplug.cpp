@@ -1,45 +1,246 @@
 /*
- * ACM port discovery and the USB events sent to the upper layer. Discovery is not wired yet:
- * dev_hotplug_init starts the named discovery thread, which waits. notify_usbevent runs on the
- * supervisor and on the dispatch thread (parsers).
+ * ACM port discovery: the scan of "/dev" at start (and from the VUART receive thread), the
+ * inotify watch on "/dev" served by the "devEpoll_process" thread, and the USB events sent to the
+ * upper layer. Writes g_dev_ACM and g_dev_ACM_name (last writer wins) and hands every plug and
+ * unplug to the supervisor by signal. notify_usbevent runs on the supervisor and the dispatch
+ * thread.
  */
 #define LOG_TAG "ATCMD_HOTPLUG"
 
+#include <dirent.h>
+#include <errno.h>
+#include <linux/input.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/epoll.h>
+#include <sys/inotify.h>
+#include <sys/ioctl.h>
 #include <sys/prctl.h>
 #include <unistd.h>
 
+#include <mutex>
+
 #include "hal/hal.h"
+#include "hal/link_words.h"
 #include "hotplug/hotplug.h"
+#include "hotplug/hotplug_internal.h"
 #include "log/atcmd_log.h"
+#include "platform/root_path.h"
+#include "serial/serial.h"
+#include "supervision/supervision.h"
 
 char g_dev_ACM_name[64] = "";
 int fd_inotify_input = -1;
 int epfd_hid_devs = -1;
 pthread_t g_find_acmdev_thread = 0;
 
-int32_t parse_dev_name(const char * /*name*/) { return -1; }
-int scan_acm_devices(void) { return 0; }
-int inotify_input_event(void) { return -1; }
-int dev_event_process(void) { return 0; }
-int corvel_plugged(void) { return 0; }
+// Guards g_dev_ACM_name: the hotplug thread and a scan on the VUART receive thread write it,
+// the supervisor reads it. Taken alone, never with another lock.
+std::mutex g_dev_ACM_name_mutex;
 
-void *handler_acm_devs_epoll(void * /*arg*/) {
-    prctl(PR_SET_NAME, "devEpoll_process");
-    ATCMD_LOG(3, "handler_acm_devs_epoll thread is running");
-    for (;;) pause();
-    return nullptr;
+namespace {
+
+constexpr char kDevDir[] = "/dev";
+constexpr char kAcmKey[] = "ttyACM";
+constexpr uint32_t kWatchMask = IN_CREATE | IN_DELETE;
+constexpr int kMaxEpollEvents = 20;
+constexpr size_t kEventBufSize = 4096;
+
+constexpr int kHotplugEpollFailed = -6;
+constexpr int kHotplugInotifyFailed = -22;
+constexpr int kHotplugThreadFailed = -4;
+
+void close_and_clear(int *fd) {
+    if (*fd != -1) close(*fd);
+    *fd = -1;
 }
 
-int dev_hotplug_init(void) {
-    if (pthread_create(&g_find_acmdev_thread, nullptr, handler_acm_devs_epoll, nullptr) != 0) {
-        ATCMD_LOG(0, "pthread_create error\n");
-        return -4;
+// The plug signal for port `n`: its number is recorded first so the supervisor opens it.
+void announce_plug(long n) {
+    link_store(g_dev_ACM, n);
+    atcmd_signal_supervisor(ATCMD_SIG_PLUG);
+}
+
+void on_created(const struct inotify_event *ev, const char *name) {
+    if (ev->mask & IN_ISDIR) {
+        ATCMD_LOG_AS("dev_event_process", LOG_TAG, 4, "New directory %s created.", name);
+        return;
+    }
+    const int32_t n = parse_dev_name(name);
+    if (n == -1) return;
+    ATCMD_LOG_AS("dev_event_process", LOG_TAG, 4, "New file %s created, dev_ACM is %ld.", name,
+                 static_cast<long>(n));
+    announce_plug(n);
+}
+
+// The port number is left as it was; only the supervisor's unplug changes the link.
+void on_deleted(const struct inotify_event *ev, const char *name) {
+    if (ev->mask & IN_ISDIR) {
+        ATCMD_LOG_AS("dev_event_process", LOG_TAG, 4, "Directory %s deleted.", name);
+        return;
+    }
+    ATCMD_LOG_AS("dev_event_process", LOG_TAG, 4, "File %s deleted.", name);
+    if (parse_dev_name(name) == -1) return;
+    atcmd_signal_supervisor(ATCMD_SIG_UNPLUG);
+    // The text predates the receive thread ending by itself; it is kept as operators know it.
+    ATCMD_LOG_AS("dev_event_process", LOG_TAG, 4,
+                 "event->name %s unplugged, vuart thread has been killed, g_vuart_fd is %d", name,
+                 link_load(g_vuart_fd));
+}
+
+void handle_event(const struct inotify_event *ev) {
+    if (ev->len == 0) return;
+    char name[NAME_MAX + 1];
+    snprintf(name, sizeof name, "%.*s", static_cast<int>(strnlen(ev->name, ev->len)), ev->name);
+    if (ev->mask & IN_CREATE) {
+        on_created(ev, name);
+    } else if (ev->mask & IN_DELETE) {
+        on_deleted(ev, name);
+    }
+}
+
+}  // namespace
+
+int32_t parse_dev_name(const char *name) {
+    if (name == nullptr) return -1;
+    const char *key = strstr(name, kAcmKey);
+    if (key == nullptr) return -1;
+    errno = 0;
+    const long n = strtol(key + strlen(kAcmKey), nullptr, 10);
+    // A number the port path cannot carry is no port of ours; taking it would open a wrong one.
+    if (errno == ERANGE || n < 0 || n > INT32_MAX) {
+        ATCMD_LOG(0, "%s: port number out of range, ignored", name);
+        return -1;
+    }
+    {
+        std::lock_guard<std::mutex> lock(g_dev_ACM_name_mutex);
+        snprintf(g_dev_ACM_name, sizeof g_dev_ACM_name, "%s", name);
+    }
+    ATCMD_LOG(4, "file ttyACM%ld found or remove! g_dev_ACM_name: %.63s", n, name);
+    return static_cast<int32_t>(n);
+}
+
+int scan_acm_devices(void) {
+    ATCMD_LOG(3, "scan_acm_devices begin!");
+    char path[ATCMD_ROOTED_PATH_MAX];
+    DIR *dir = atcmd_root_path(kDevDir, path, sizeof path) == 0 ? opendir(path) : nullptr;
+    if (dir == nullptr) {
+        // Nothing can be read from a directory that did not open: no port is announced.
+        ATCMD_LOG(0, "Could not open directory\n");
+        return 0;
+    }
+    int found = 0;
+    while (const struct dirent *entry = readdir(dir)) {
+        const int32_t n = parse_dev_name(entry->d_name);
+        if (n == -1) continue;
+        ATCMD_LOG(4, "ttyACM %ld is found", static_cast<long>(n));
+        announce_plug(n);
+        found = 1;
+    }
+    closedir(dir);
+    return found;
+}
+
+int inotify_input_event(void) {
+    const int fd = inotify_init1(IN_CLOEXEC);
+    if (fd < 0) {
+        const int err = errno;
+        ATCMD_LOG(0, "inotify_init, errno:%d, errstr:%s\n", err, strerror(err));
+        return -1;
+    }
+    char path[ATCMD_ROOTED_PATH_MAX];
+    // Without the watch the descriptor simply never reports; discovery then rests on the scans.
+    if (atcmd_root_path(kDevDir, path, sizeof path) != 0 ||
+        inotify_add_watch(fd, path, kWatchMask) < 0) {
+        ATCMD_LOG(0, "no watch on %s, hot plug will not be seen", kDevDir);
+    }
+    return fd;
+}
+
+int dev_event_process(void) {
+    alignas(struct inotify_event) char buf[kEventBufSize];
+    ssize_t n;
+    do {
+        n = read(link_load(fd_inotify_input), buf, sizeof buf);
+    } while (n < 0 && errno == EINTR);
+    if (n < 0) {
+        const int err = errno;
+        ATCMD_LOG(0, "read, errno:%d, errstr:%s", err, strerror(err));
+        return -1;
+    }
+    const size_t total = static_cast<size_t>(n);
+    size_t at = 0;
+    while (at + sizeof(struct inotify_event) <= total) {
+        const auto *ev = reinterpret_cast<const struct inotify_event *>(buf + at);
+        if (ev->len > total - at - sizeof *ev) {
+            ATCMD_LOG(0, "inotify record at %zu runs past the %zu bytes read, rest dropped", at,
+                      total);
+            break;
+        }
+        handle_event(ev);
+        at += sizeof *ev + ev->len;
     }
     return 0;
 }
 
+void *handler_acm_devs_epoll(void * /*arg*/) {
+    prctl(PR_SET_NAME, "devEpoll_process");
+    ATCMD_LOG(3, "handler_acm_devs_epoll thread is running");
+    struct epoll_event events[kMaxEpollEvents];
+    for (;;) {
+        const int n = epoll_wait(link_load(epfd_hid_devs), events, kMaxEpollEvents, -1);
+        for (int i = 0; i < n; ++i) {
+            if (events[i].data.fd == link_load(fd_inotify_input)) dev_event_process();
+        }
+    }
+    return nullptr;
+}
+
+int dev_hotplug_init(void) {
+    scan_acm_devices();  // ports present at start are announced before the watch exists
+    int epfd = epoll_create1(EPOLL_CLOEXEC);
+    if (epfd < 0) {
+        const int err = errno;
+        ATCMD_LOG(0, "Create epoll instance, errno:%d, errstr:%s\n", err, strerror(err));
+        return kHotplugEpollFailed;
+    }
+    int ifd = inotify_input_event();
+    if (ifd == -1) {
+        ATCMD_LOG(0, "inotify_input_event\n");
+        close_and_clear(&epfd);
+        return kHotplugInotifyFailed;
+    }
+    // An input-device grab on an inotify descriptor has no effect; it has always been issued.
+    (void)ioctl(ifd, EVIOCGRAB, 0);
+    struct epoll_event ev = {};
+    ev.events = EPOLLIN | EPOLLET;
+    ev.data.fd = ifd;
+    if (epoll_ctl(epfd, EPOLL_CTL_ADD, ifd, &ev) != 0) {
+        const int err = errno;
+        ATCMD_LOG(0, "Set epoll_ctl, errno:%d, errstr:%s\n", err, strerror(err));
+        close_and_clear(&ifd);
+        close_and_clear(&epfd);
+        return kHotplugEpollFailed;
+    }
+    link_store(epfd_hid_devs, epfd);
+    link_store(fd_inotify_input, ifd);
+    pthread_t thread;
+    if (pthread_create(&thread, nullptr, handler_acm_devs_epoll, nullptr) != 0) {
+        ATCMD_LOG(0, "pthread_create error\n");
+        link_store(fd_inotify_input, -1);
+        link_store(epfd_hid_devs, -1);
+        close_and_clear(&ifd);
+        close_and_clear(&epfd);
+        return kHotplugThreadFailed;
+    }
+    link_store(g_find_acmdev_thread, thread);
+    return 0;
+}
+
 void notify_usbevent(void) {
-    usbdev_sts_t sts = {g_patcmd_dev->usb_connected, g_patcmd_dev->usb_status};
+    usbdev_sts_t sts = {link_load(g_patcmd_dev->usb_connected),
+                        link_load(g_patcmd_dev->usb_status)};
     ATCMD_LOG(4, "Notify usb evt %d %d", sts.connected, sts.status);
     AT_CMD_CbMsg_t msg = {AT_MSG_USBSTATE, 0, &sts};
     atcmd_notify(&msg);

@@ -1,22 +1,97 @@
 /*
- * The VUART receive thread handle and the handshake operation. The handshake runs on the upper
- * layer's thread and only signals the supervisor, so it never blocks.
+ * The VUART receive thread ("VuartRx_thread"): reads the accessory's ACM port, frames the bytes
+ * with the shared framing routine and hands complete lines to the line parser as accessory
+ * lines. It notices a vanished port and asks the supervisor for the unplug, and clears
+ * g_VuartRx_thread when it ends. Started detached by the supervisor on plug; at most one runs.
  */
-#define LOG_TAG "AtCmdProcessHal"
+#define LOG_TAG "ATCMD_MANAGE"
 
+#include <string.h>
+#include <sys/prctl.h>
+#include <unistd.h>
+
+#include "engine/engine.h"
+#include "hal/hal.h"
+#include "hal/link_words.h"
 #include "hotplug/hotplug.h"
 #include "log/atcmd_log.h"
+#include "serial/serial.h"
 #include "supervision/supervision.h"
 
 pthread_t g_VuartRx_thread = 0;
 
-void *atcmder_VuartRx_thread(void * /*arg*/) {
-    pthread_detach(pthread_self());
-    __atomic_store_n(&g_VuartRx_thread, 0, __ATOMIC_RELEASE);
+namespace {
+
+constexpr int32_t kWaitForever = -1;
+constexpr useconds_t kReceiveRetryUs = 300000;  // after a failed receive, before looking again
+
+// Every line of this thread reads as the thread's own, also from the helpers below.
+#define VUART_RX_LOG(threshold, ...) \
+    ATCMD_LOG_AS("atcmder_VuartRx_thread", LOG_TAG, threshold, __VA_ARGS__)
+
+struct VuartLine {
+    AtCmder_t cmd;
+    char text[AT_LINE_BUF_SIZE];  // the parser's working space
+};
+
+void deliver(void *ctx, char *text, size_t len) {
+    auto *line = static_cast<VuartLine *>(ctx);
+    VUART_RX_LOG(3, "Vuart receive data length is %zu, receive data is %s", len, text);
+    memset(line, 0, sizeof *line);
+    line->cmd.source = AT_NODE_ACCESSORY;
+    line->cmd.data = line->text;
+    cmd_Parse_from_buffer(&line->cmd, text);
+}
+
+void too_long(void * /*ctx*/, const char *held) {
+    VUART_RX_LOG(3, "Vuart receive data length is too long, skip it, receive data is %s ", held);
+}
+
+// After a failed receive: true while the port may still be there (the loop goes on), false
+// when the accessory is gone. A port the supervisor has already dropped (descriptor -1) is
+// left to the loop, which ends through the can-not-find exit: the unplug was handled, so no
+// second one is asked for.
+bool port_may_return(void) {
+    VUART_RX_LOG(3, "Vuart cannot receive data!");
+    usleep(kReceiveRetryUs);
+    if (link_load(g_vuart_fd) == -1) return true;
+    if (link_load(g_patcmd_dev->usb_connected) == 0) return false;
+    return scan_acm_devices() == 1;  // a port listed again has been announced by the scan
+}
+
+void *disappear_exit(void) {
+    VUART_RX_LOG(3, "ACM device disappear, atcmder_VuartRx_thread will die!");
+    atcmd_signal_supervisor(ATCMD_SIG_UNPLUG);
+    atcmd_clear_own_handle(&g_VuartRx_thread);
     return nullptr;
 }
 
-int atcmdprocess_amlogic_shake_hands(void) {
-    ATCMD_LOG(4, "atcmdprocess_amlogic_shake_hands.");
-    return atcmd_signal_supervisor(ATCMD_SIG_HANDSHAKE);
+void *cannot_find_exit(void) {
+    atcmd_clear_own_handle(&g_VuartRx_thread);
+    if (link_load(g_patcmd_dev->usb_connected) == 1) atcmd_signal_supervisor(ATCMD_SIG_UNPLUG);
+    VUART_RX_LOG(3, "ACM device can not find, atcmder_VuartRx_thread will die!");
+    return nullptr;
+}
+
+}  // namespace
+
+void *atcmder_VuartRx_thread(void * /*arg*/) {
+    prctl(PR_SET_NAME, "VuartRx_thread");
+    ATCMD_LOG(3, "atcmder_VuartRx_thread is running!");
+    pthread_detach(pthread_self());
+
+    struct at_rx_buffer rx;
+    VuartLine line;
+    memset(&rx, 0, sizeof rx);
+    memset(&line, 0, sizeof line);
+    // The descriptor is read afresh after every pass, so a re-plug is picked up by this thread.
+    for (int32_t fd = link_load(g_vuart_fd); fd != -1; fd = link_load(g_vuart_fd)) {
+        const int n = VUART_Recv(fd, rx.data + rx.fill, at_rx_room(&rx), kWaitForever);
+        if (n < 1) {
+            if (!port_may_return()) return disappear_exit();
+            continue;  // what was held of a line is kept for the next receive
+        }
+        at_rx_frame(&rx, static_cast<size_t>(n), deliver, too_long, &line);
+    }
+    return cannot_find_exit();
 }

@@ -6,6 +6,10 @@
  * (ATCMD_LOG_TAG for another tag, ATCMD_LOG_AS for another function name in the prefix).
  * A message is written when log_level >= threshold; threshold 0 is error priority, the rest info.
  * The arguments are evaluated once per sink that is written, as with any per-sink print.
+ * Log readers grep by the module's function names: a line carries the name of the named function
+ * it belongs to (UART_Send, atcmder_Tx_process, TYPE_parser...), never a file-local helper's.
+ * A helper logs with ATCMD_LOG_AS("named_function", LOG_TAG, ...), or takes the caller's
+ * __func__ as a parameter when several named functions share it.
  */
 #ifndef ATCMD_LOG_ATCMD_LOG_H
 #define ATCMD_LOG_ATCMD_LOG_H

@@ -39,6 +39,7 @@ constexpr int kPortOpenFlags = O_RDWR | O_NOCTTY | O_NDELAY | O_CLOEXEC;
 // What differs between the two sets once the port is open. Every format of a row takes the same
 // arguments as its counterpart; the UART's "opened" text does not print the descriptor.
 struct Channel {
+    const char *init_name;  // the initialiser whose name the log lines carry
     const char *tag;
     int32_t (*set_opt)(int32_t, int32_t, int32_t, char, int32_t);
     const char *fcntl_fmt;      // (result of fcntl)
@@ -49,6 +50,7 @@ struct Channel {
 };
 
 constexpr Channel kUart = {
+    "UART_init",
     ATCMD_UART_TAG,
     UART_setOpt,
     "serial fcntl=%d",
@@ -59,6 +61,7 @@ constexpr Channel kUart = {
 };
 
 constexpr Channel kVuart = {
+    "VUART_init",
     ATCMD_VUART_TAG,
     VUART_setOpt,
     "serial fcntl=%d\n",
@@ -86,34 +89,34 @@ int open_port(const char *as_written) {
 int configure_port(const Channel &ch, const char *as_written, int32_t fd) {
     // fcntl runs once more for each sink that prints the line; it is idempotent.
     if (fcntl(fd, F_SETFL, 0) < 0) {
-        ATCMD_LOG_TAG(ch.tag, 4, "serial fcntl failed!");
+        ATCMD_LOG_AS(ch.init_name, ch.tag, 4, "serial fcntl failed!");
     } else {
-        ATCMD_LOG_TAG(ch.tag, 4, ch.fcntl_fmt, fcntl(fd, F_SETFL, 0));
+        ATCMD_LOG_AS(ch.init_name, ch.tag, 4, ch.fcntl_fmt, fcntl(fd, F_SETFL, 0));
     }
     if (!isatty(fd)) {
-        ATCMD_LOG_TAG(ch.tag, 4, "%s", ch.not_a_tty);
+        ATCMD_LOG_AS(ch.init_name, ch.tag, 4, "%s", ch.not_a_tty);
         close(fd);
         return -1;
     }
-    ATCMD_LOG_TAG(ch.tag, 4, ch.opened_fmt, fd);
+    ATCMD_LOG_AS(ch.init_name, ch.tag, 4, ch.opened_fmt, fd);
     if (ch.set_opt(fd, kLineSpeed, kLineDataBits, kLineParity, kLineStopBits) == -1) {
-        ATCMD_LOG_TAG(ch.tag, 4, "%s", ch.set_opt_error);
+        ATCMD_LOG_AS(ch.init_name, ch.tag, 4, "%s", ch.set_opt_error);
         close(fd);
         return -1;
     }
     tcflush(fd, TCIOFLUSH);
     fcntl(fd, F_SETFL, 0);
-    ATCMD_LOG_TAG(ch.tag, 3, ch.ready_fmt, as_written, fd);
+    ATCMD_LOG_AS(ch.init_name, ch.tag, 3, ch.ready_fmt, as_written, fd);
     return 0;
 }
 
 // A negative wait (the receive threads pass -1) makes select fail at once; the error falls
 // through to the blocking read, which then waits for the first byte without limit.
-int serial_recv(int32_t fd, char *buf, size_t len, int32_t wait_ms) {
+int serial_recv(const char *func, int32_t fd, char *buf, size_t len, int32_t wait_ms) {
     if (fd < 0 || fd >= FD_SETSIZE) {
         // A descriptor outside the select set is a caller's bug that would write past it.
-        ATCMD_LOG(0, "serial receive on descriptor %d outside 0..%d, giving up", fd,
-                  FD_SETSIZE - 1);
+        ATCMD_LOG_AS(func, LOG_TAG, 0, "serial receive on descriptor %d outside 0..%d, giving up",
+                     fd, FD_SETSIZE - 1);
         abort();
     }
     struct timeval tv;
@@ -126,9 +129,10 @@ int serial_recv(int32_t fd, char *buf, size_t len, int32_t wait_ms) {
     return static_cast<int>(read(fd, buf, len));
 }
 
-int serial_send(const char *tag, int32_t fd, const char *buf, size_t len) {
+// `func` and `tag` are the entry point's name and its channel's tag, which every line carries.
+int serial_send(const char *func, const char *tag, int32_t fd, const char *buf, size_t len) {
     if (buf == nullptr) {
-        ATCMD_LOG_TAG(tag, 0, "serial send without data, nothing written");
+        ATCMD_LOG_AS(func, tag, 0, "serial send without data, nothing written");
         return -1;
     }
     ssize_t written;
@@ -136,12 +140,12 @@ int serial_send(const char *tag, int32_t fd, const char *buf, size_t len) {
         written = write(fd, buf, len);
     } while (written < 0 && errno == EINTR);
     if (written < 0 || static_cast<size_t>(written) != len) {
-        ATCMD_LOG_TAG(tag, 4, "serial write device error\n");
+        ATCMD_LOG_AS(func, tag, 4, "serial write device error\n");
         tcflush(fd, TCOFLUSH);
         return -1;
     }
     // Bounded by len: a caller's text that lacks its terminator is still printed safely.
-    ATCMD_LOG_TAG(tag, 4, "serial send data is %.*s", static_cast<int>(len), buf);
+    ATCMD_LOG_AS(func, tag, 4, "serial send data is %.*s", static_cast<int>(len), buf);
     return static_cast<int>(len);
 }
 
@@ -183,17 +187,17 @@ int VUART_init(int32_t *fd, long acm_index) {
 }
 
 int UART_Recv(int32_t fd, char *buf, size_t len, int32_t wait_ms) {
-    return serial_recv(fd, buf, len, wait_ms);
+    return serial_recv(__func__, fd, buf, len, wait_ms);
 }
 
 int VUART_Recv(int32_t fd, char *buf, size_t len, int32_t wait_ms) {
-    return serial_recv(fd, buf, len, wait_ms);
+    return serial_recv(__func__, fd, buf, len, wait_ms);
 }
 
 int UART_Send(int32_t fd, const char *buf, size_t len) {
-    return serial_send(ATCMD_UART_TAG, fd, buf, len);
+    return serial_send(__func__, ATCMD_UART_TAG, fd, buf, len);
 }
 
 int VUART_Send(int32_t fd, const char *buf, size_t len) {
-    return serial_send(ATCMD_VUART_TAG, fd, buf, len);
+    return serial_send(__func__, ATCMD_VUART_TAG, fd, buf, len);
 }

@@ -72,11 +72,12 @@ char upper_parity(char parity) {
 }
 
 // Every check runs before anything is applied, so a refused setting leaves the port as it was.
-int32_t set_line(const char *tag, int32_t fd, int32_t speed, int32_t data_bits, char parity,
-                 int32_t stop_bits) {
+// `func` and `tag` are the entry point's name and its channel's tag, which every line carries.
+int32_t set_line(const char *func, const char *tag, int32_t fd, int32_t speed, int32_t data_bits,
+                 char parity, int32_t stop_bits) {
     struct termios current;
     if (tcgetattr(fd, &current) != 0) {
-        ATCMD_LOG_TAG(tag, 0, "serial SetupSerial 1");
+        ATCMD_LOG_AS(func, tag, 0, "serial SetupSerial 1");
         return -1;
     }
 
@@ -87,7 +88,7 @@ int32_t set_line(const char *tag, int32_t fd, int32_t speed, int32_t data_bits, 
 
     const DataBits *size = find_row(kDataBits, [&](const DataBits &r) { return r.bits == data_bits; });
     if (size == nullptr) {
-        ATCMD_LOG_TAG(tag, 4, "Unsupported data size\n");
+        ATCMD_LOG_AS(func, tag, 4, "Unsupported data size\n");
         return -1;
     }
     tio.c_cflag |= size->cflag;
@@ -95,7 +96,7 @@ int32_t set_line(const char *tag, int32_t fd, int32_t speed, int32_t data_bits, 
     const Parity *par =
         find_row(kParities, [&](const Parity &r) { return r.upper == upper_parity(parity); });
     if (par == nullptr) {
-        ATCMD_LOG_TAG(tag, 4, "serial Unsupported parity\n");
+        ATCMD_LOG_AS(func, tag, 4, "serial Unsupported parity\n");
         return -1;
     }
     tio.c_iflag = par->iflag;
@@ -103,14 +104,14 @@ int32_t set_line(const char *tag, int32_t fd, int32_t speed, int32_t data_bits, 
 
     const StopBits *stop = find_row(kStopBits, [&](const StopBits &r) { return r.bits == stop_bits; });
     if (stop == nullptr) {
-        ATCMD_LOG_TAG(tag, 4, "serial Unsupported stop bits\n");
+        ATCMD_LOG_AS(func, tag, 4, "serial Unsupported stop bits\n");
         return -1;
     }
     tio.c_cflag |= stop->cflag;
 
     const SpeedCode *rate = find_row(kSpeeds, [&](const SpeedCode &r) { return r.bps == speed; });
     if (rate == nullptr) {
-        ATCMD_LOG_TAG(tag, 4, "serial Sorry, Unsupported baud rate, set default 9600!");
+        ATCMD_LOG_AS(func, tag, 4, "serial Sorry, Unsupported baud rate, set default 9600!");
     }
     const speed_t code = rate != nullptr ? rate->code : kDefaultSpeed;
     cfsetispeed(&tio, code);
@@ -125,17 +126,17 @@ int32_t set_line(const char *tag, int32_t fd, int32_t speed, int32_t data_bits, 
         perror("SetupSerial 3");
         return -1;
     }
-    ATCMD_LOG_TAG(tag, 4, "Serial set done!");
+    ATCMD_LOG_AS(func, tag, 4, "Serial set done!");
     return 0;
 }
 
 }  // namespace
 
 int32_t UART_setOpt(int32_t fd, int32_t speed, int32_t data_bits, char parity, int32_t stop_bits) {
-    return set_line(LOG_TAG, fd, speed, data_bits, parity, stop_bits);
+    return set_line(__func__, LOG_TAG, fd, speed, data_bits, parity, stop_bits);
 }
 
 int32_t VUART_setOpt(int32_t fd, int32_t speed, int32_t data_bits, char parity,
                      int32_t stop_bits) {
-    return set_line(ATCMD_VUART_TAG, fd, speed, data_bits, parity, stop_bits);
+    return set_line(__func__, ATCMD_VUART_TAG, fd, speed, data_bits, parity, stop_bits);
 }

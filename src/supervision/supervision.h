@@ -55,4 +55,8 @@ void atcmd_supervisor_signals(sigset_t *set);
  * supervisor was never started). */
 int atcmd_signal_supervisor(int sig);
 
+/* Sets the handle of a thread that the supervisor started to 0; the thread calls it as it ends.
+ * Ordered after the supervisor's store of the handle, so no stale handle is left behind. */
+void atcmd_clear_own_handle(pthread_t *handle);
+
 #endif /* ATCMD_SUPERVISION_SUPERVISION_H */

@@ -38,27 +38,42 @@ void log_cast_mode(const struct atcmdprocess_device *dev) {
                  link_load(dev->system_status.mode));
 }
 
+// Guards the publication of the handles of threads the supervisor starts and that clear their
+// own handle when they end (the VUART receive thread): the store of a new handle and a thread's
+// clear of it never interleave. Taken alone, never with another lock.
+pthread_mutex_t g_thread_handle_mutex = PTHREAD_MUTEX_INITIALIZER;
+
 // Starts `body` into `handle` unless one runs; false when it had to start one and could not.
+// The handle is stored before the new thread can clear it, so a thread that ends at once
+// always leaves 0 behind and never a stale handle.
 bool start_missing(pthread_t *handle, void *(*body)(void *)) {
-    if (link_load(*handle) != 0) return true;
-    pthread_t created;
-    if (pthread_create(&created, nullptr, body, nullptr) != 0) return false;
-    // A receive thread that ended at once has already cleared its handle; keep that 0.
-    pthread_t expected = 0;
-    __atomic_compare_exchange_n(handle, &expected, created, false, __ATOMIC_ACQ_REL,
-                                __ATOMIC_ACQUIRE);
-    return true;
+    pthread_mutex_lock(&g_thread_handle_mutex);
+    bool ok = true;
+    if (link_load(*handle) == 0) {
+        pthread_t created;
+        ok = pthread_create(&created, nullptr, body, nullptr) == 0;
+        if (ok) link_store(*handle, created);
+    }
+    pthread_mutex_unlock(&g_thread_handle_mutex);
+    return ok;
+}
+
+// Closes the accessory's port and marks it closed. The VUART receive thread may be blocked in a
+// read of it and the transmit thread may be writing it: they see -1 on their next pass, which
+// is how both learn that the port went away.
+__attribute__((noinline)) void close_accessory_port(void) {
+    const int32_t old_fd = link_load(g_vuart_fd);
+    link_store(g_vuart_fd, -1);
+    if (old_fd != -1) close(old_fd);
 }
 
 // SIGUSR1: the accessory's port appeared. An earlier port is always dropped first.
 void on_plug(struct atcmdprocess_device *dev) {
     if (corvel_plugged() != 1) return;
     SUPERVISOR_LOG(4, "hot pluged device is corvel.");
-    const int32_t old_fd = link_load(g_vuart_fd);
-    link_store(g_vuart_fd, -1);
-    if (old_fd != -1) close(old_fd);
+    close_accessory_port();
     int32_t fd = -1;
-    if (VUART_init(&fd, g_dev_ACM) != 0) return;  // stays closed until the next plug
+    if (VUART_init(&fd, link_load(g_dev_ACM)) != 0) return;  // stays closed until the next plug
     link_store(g_vuart_fd, fd);
     if (!start_missing(&g_VuartRx_thread, atcmder_VuartRx_thread)) {
         SUPERVISOR_LOG(0, "atcmder_VuartRx_thread pthread_create failed");
@@ -76,9 +91,7 @@ void on_unplug(struct atcmdprocess_device *dev) {
     link_store(dev->usb_status, -1);
     link_store(dev->usb_connected, 0);
     notify_usbevent();
-    const int32_t old_fd = link_load(g_vuart_fd);
-    link_store(g_vuart_fd, -1);
-    if (old_fd != -1) close(old_fd);
+    close_accessory_port();
     const bool wifi_wanted = link_load(dev->system_status.wifi_status) == 1;
     link_store(dev->system_status.mode,
                static_cast<int32_t>(wifi_wanted ? AT_MODE_WIFI : AT_MODE_NONE));
@@ -138,6 +151,12 @@ int atcmd_signal_supervisor(int sig) {
         return ESRCH;
     }
     return pthread_kill(supervisor, sig);
+}
+
+void atcmd_clear_own_handle(pthread_t *handle) {
+    pthread_mutex_lock(&g_thread_handle_mutex);
+    link_store(*handle, static_cast<pthread_t>(0));
+    pthread_mutex_unlock(&g_thread_handle_mutex);
 }
 
 void thread_exit_handler(int sig) {

@@ -14,6 +14,7 @@
 
 #include "engine/engine.h"
 #include "hal/hal.h"
+#include "hal/link_words.h"
 #include "log/atcmd_log.h"
 #include "supervision/supervision.h"
 
@@ -49,14 +50,16 @@ void expire(struct atcmder_node *node) {
     cmd->data = node->buf;
     if (cmd->resendtimes < kMaxResends) {
         cmd->resendtimes++;
-        ATCMD_LOG(4, "Re-send timeout cmd: %d times: %d data: %s", cmd->seq_num, cmd->resendtimes,
-                  node->buf);
+        ATCMD_LOG_AS("atcmder_Timeout_thread", LOG_TAG, 4,
+                     "Re-send timeout cmd: %d times: %d data: %s", cmd->seq_num, cmd->resendtimes,
+                     node->buf);
         // A failed enqueue loses this request; the element is dropped all the same.
         atcmder_send_to_tx(cmd);
     } else {
         notifytimeout(cmd);
-        ATCMD_LOG(4, "No. %d atcmd has been removed since timeout, data is %s", cmd->seq_num,
-                  node->buf);
+        ATCMD_LOG_AS("atcmder_Timeout_thread", LOG_TAG, 4,
+                     "No. %d atcmd has been removed since timeout, data is %s", cmd->seq_num,
+                     node->buf);
     }
 }
 
@@ -87,7 +90,7 @@ void notify_error(uint16_t seq_num, int32_t error) {
 
 uint32_t Init_TimeoutPara(void) {
     const bool wifi_server = g_patcmd_dev->system_status.platform == PLATFORM_VUART &&
-                             g_patcmd_dev->system_status.mode == AT_MODE_WIFI;
+                             link_load(g_patcmd_dev->system_status.mode) == AT_MODE_WIFI;
     g_timeout = wifi_server ? ATCMD_TIMEOUT_WIFI_SERVER : ATCMD_TIMEOUT_DEFAULT;
     return g_timeout;
 }

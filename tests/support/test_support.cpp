@@ -124,6 +124,11 @@ void Pty::link_as(const Sandbox &sb, const std::string &as_written) const {
     }
 }
 
+void Pty::close_master() {
+    if (master_ >= 0) close(master_);
+    master_ = -1;
+}
+
 void Pty::make_slave_raw() const {
     struct termios tio;
     tcgetattr(slave_, &tio);
@@ -163,8 +168,10 @@ std::string Pty::read_until(const std::function<bool(const std::string &)> &done
 
 
 Recorder &Recorder::instance() {
-    static Recorder recorder;
-    return recorder;
+    // Never destroyed: module threads (hotplug, supervisor) may still call back while the
+    // process exits.
+    static Recorder *const recorder = new Recorder;
+    return *recorder;
 }
 
 namespace {

@@ -58,6 +58,8 @@ public:
     // Puts the slave side in raw mode, for tests that skip the module's own line set-up.
     void make_slave_raw() const;
     void write(const std::string &bytes) const;
+    // Closes the master: the device is gone, and reads on every open slave end.
+    void close_master();
     // Reads from the master until `done(all_read)` holds or the deadline passes.
     std::string read_until(const std::function<bool(const std::string &)> &done,
                            int timeout_ms = 3000) const;

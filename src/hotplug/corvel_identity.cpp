@@ -1,0 +1,84 @@
+/*
+ * Recognition of the accessory's own ACM port: the "PRODUCT=" line of the port's sysfs uevent
+ * file must carry the accessory's vendor and product id. Runs on the supervisor when it takes
+ * a plug signal; reads g_dev_ACM_name, writes nothing.
+ */
+#define LOG_TAG "ATCMD_MANAGE"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <stdio.h>
+#include <string.h>
+#include <unistd.h>
+
+#include "hotplug/hotplug.h"
+#include "hotplug/hotplug_internal.h"
+#include "log/atcmd_log.h"
+#include "platform/root_path.h"
+
+namespace {
+
+constexpr size_t kNodePathSize = 128;  // the uevent path as written
+constexpr size_t kUeventBufSize = 1024;
+constexpr size_t kMatchSize = 32;
+constexpr char kProductKey[] = "PRODUCT=";
+constexpr char kCorvelVendorId[] = "7a1d";
+constexpr char kCorvelProductId[] = "5101";
+
+// "/sys/class/tty/<name>/device/uevent" for the last ACM name seen; false when it does not fit.
+bool uevent_path(char *out, size_t size) {
+    char name[sizeof g_dev_ACM_name];
+    {
+        std::lock_guard<std::mutex> lock(g_dev_ACM_name_mutex);
+        memcpy(name, g_dev_ACM_name, sizeof name);
+    }
+    name[sizeof name - 1] = '\0';
+    const int n = snprintf(out, size, "/sys/class/tty/%s/device/uevent", name);
+    if (n > 0 && static_cast<size_t>(n) < size) return true;
+    // A truncated path would name some other node; such a port cannot be the accessory's.
+    ATCMD_LOG_AS("corvel_plugged", LOG_TAG, 0, "uevent path of %s does not fit %zu bytes, ignored",
+                 name, size);
+    return false;
+}
+
+// Reads at most size - 1 bytes once; the text is always terminated. False when nothing opened.
+bool read_uevent(const char *as_written, char *text, size_t size) {
+    char path[ATCMD_ROOTED_PATH_MAX];
+    int fd = -1;
+    if (atcmd_root_path(as_written, path, sizeof path) == 0) {
+        do {
+            fd = open(path, O_RDONLY | O_CLOEXEC);
+        } while (fd < 0 && errno == EINTR);
+    }
+    if (fd < 0) {
+        ATCMD_LOG_AS("corvel_plugged", LOG_TAG, 0, "open node fail.");
+        return false;
+    }
+    ssize_t n;
+    do {
+        n = read(fd, text, size - 1);
+    } while (n < 0 && errno == EINTR);
+    close(fd);
+    if (n < 0) {
+        ATCMD_LOG_AS("corvel_plugged", LOG_TAG, 0, "read of %s failed: %s", as_written,
+                     strerror(errno));
+        return false;
+    }
+    text[n] = '\0';
+    ATCMD_LOG_AS("corvel_plugged", LOG_TAG, 4, "buf_read %s", text);
+    return true;
+}
+
+}  // namespace
+
+int corvel_plugged(void) {
+    char node[kNodePathSize] = {};
+    if (!uevent_path(node, sizeof node)) return 0;
+    ATCMD_LOG(4, "ttyACM node name:%s", node);
+    char text[kUeventBufSize] = {};
+    if (!read_uevent(node, text, sizeof text)) return 0;
+    char match[kMatchSize] = {};
+    snprintf(match, sizeof match, "%s%s/%s", kProductKey, kCorvelVendorId, kCorvelProductId);
+    ATCMD_LOG(4, "buf_match %s", match);
+    return strstr(text, match) != nullptr ? 1 : 0;
+}

@@ -1,0 +1,222 @@
+// The USB link end to end: a sandboxed "/dev" with pseudo-terminals playing the accessory's ACM
+// port, discovered by the scan at open or by the watch, told apart by their uevent files, opened
+// by the supervisor, read by the receive thread, and pulled or removed again.
+#include <gtest/gtest.h>
+
+#include <stdio.h>
+#include <sys/stat.h>
+#include <termios.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <filesystem>
+
+#include "hal/link_words.h"
+#include "hotplug/hotplug.h"
+#include "serial/serial.h"
+#include "supervision/supervision.h"
+#include "support/test_support.h"
+
+using namespace atcmd_test;
+
+namespace {
+
+constexpr int kLongWait = 15000;  // the machine is loaded: generous deadlines everywhere
+constexpr char kCorvelUevent[] = "MAJOR=166\nPRODUCT=7a1d/5101/100\nTYPE=2/0/0\n";
+
+using Pair = std::vector<int32_t>;
+
+void write_uevent(const Sandbox &sb, const std::string &port, const std::string &text) {
+    const std::string dir = sb.path("/sys/class/tty/" + port + "/device");
+    std::filesystem::create_directories(dir);
+    write_file(dir + "/uevent", text);
+}
+
+// A port whose uevent says `uevent` (none when null), linked as "/dev/ttyACM<n>". Never
+// destroyed: the receive thread may still be reading it when the test ends.
+Pty &port(const Sandbox &sb, int n, const char *uevent = kCorvelUevent) {
+    const std::string name = "ttyACM" + std::to_string(n);
+    if (uevent != nullptr) write_uevent(sb, name, uevent);
+    Pty *pty = new Pty;
+    pty->link_as(sb, "/dev/" + name);
+    return *pty;
+}
+
+size_t count_in_log(const Sandbox &sb, const std::string &text) {
+    const std::string log = sb.log_text();
+    size_t count = 0;
+    for (size_t at = log.find(text); at != std::string::npos; at = log.find(text, at + 1)) ++count;
+    return count;
+}
+
+std::vector<Pair> usb_pairs() {
+    std::vector<Pair> pairs;
+    for (const Notice &n : Recorder::instance().notices()) {
+        if (n.msg_id == AT_MSG_USBSTATE) pairs.push_back(n.values);
+    }
+    return pairs;
+}
+
+bool usb_events(size_t count) {
+    return Recorder::instance().wait_for(AT_MSG_USBSTATE, count, kLongWait);
+}
+
+// Returns once every signal sent to the supervisor before the call has been handled: the
+// handshake signal it sends is taken after them (one thread, lower numbers first).
+bool supervisor_caught_up(const Sandbox &sb) {
+    const std::string marker = "handling thread got signal 26";
+    const size_t before = count_in_log(sb, marker);
+    atcmdprocess_amlogic_shake_hands();
+    return wait_until([&] { return count_in_log(sb, marker) > before; }, kLongWait);
+}
+
+// The keyword of each line on the wire, up to and including its '?' or '='.
+std::vector<std::string> keywords(const std::string &wire) {
+    std::vector<std::string> out;
+    size_t start = 0;
+    for (size_t end = wire.find("\r\n"); end != std::string::npos;
+         start = end + 2, end = wire.find("\r\n", start)) {
+        const std::string line = wire.substr(start, end - start);
+        out.push_back(line.substr(0, line.find_first_of("?=") + 1));
+    }
+    return out;
+}
+
+class UsbLinkTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        sb.set_property("net.bluetooth.macaddr", "00:11:22:33:44:55");
+        Recorder::instance().clear();
+    }
+    void open() {
+        dev = open_module();
+        ASSERT_NE(dev, nullptr);
+    }
+    int32_t mode() const { return link_load(dev->system_status.mode); }
+
+    Sandbox sb;
+    atcmdprocess_device_t *dev = nullptr;
+};
+
+}  // namespace
+
+struct UnplugRow {
+    const char *name;
+    int32_t wifi_status;
+    int32_t mode_after;
+};
+
+class UnplugTest : public UsbLinkTest, public ::testing::WithParamInterface<UnplugRow> {};
+
+// Found at open, opened raw, interrogated, read line by line, then removed: one unplug.
+TEST_P(UnplugTest, PortAtOpenCarriesLinesUntilRemovedAndUnplugsOnce) {
+    Pty &acm = port(sb, 3);
+    open();
+    ASSERT_TRUE(usb_events(1));
+    EXPECT_EQ(mode(), AT_MODE_USB);
+    struct termios tio;
+    ASSERT_EQ(tcgetattr(acm.master(), &tio), 0);  // a pty master reports its slave's settings
+    EXPECT_EQ(cfgetospeed(&tio), static_cast<speed_t>(B460800));
+    EXPECT_EQ(tio.c_lflag & (ICANON | ECHO), 0u);
+    const std::string wire = acm.read_until(
+        [](const std::string &got) { return got.find("AT+VER?#11&1\r\n") != std::string::npos; },
+        kLongWait);
+    std::vector<std::string> sent;  // first sends only: unanswered queries are resent among them
+    for (const std::string &k : keywords(wire)) {
+        if (std::find(sent.begin(), sent.end(), k) == sent.end()) sent.push_back(k);
+    }
+    EXPECT_EQ(sent, (std::vector<std::string>{"AT+TYPE?", "AT+BAT?", "AT+BTMAC=", "AT+SN?",
+                                              "AT+SID?", "AT+SCREEN?", "AT+STATE?",
+                                              "AT+USBSTATE?", "AT+BLEMAC?", "AT+MICMODE?",
+                                              "AT+VER?"}));
+
+    acm.write("+VER=1.0");
+    acm.write("\r\n" + std::string(600, 'x'));
+    ASSERT_TRUE(sb.wait_log("Vuart receive data length is too long, skip it", kLongWait));
+    EXPECT_EQ(count_in_log(sb, "Vuart receive data length is 10, receive data is +VER=1.0\r\n"), 1u);
+
+    link_store(dev->system_status.wifi_status, GetParam().wifi_status);
+    ASSERT_EQ(unlink(sb.path("/dev/ttyACM3").c_str()), 0);
+    ASSERT_TRUE(usb_events(2));
+    EXPECT_EQ(usb_pairs(), (std::vector<Pair>{{1, -1}, {0, -1}}));
+    // The upper layer hears of the unplug before the port is dropped and the mode set.
+    EXPECT_TRUE(wait_until([&] { return mode() == GetParam().mode_after; }, kLongWait));
+    EXPECT_EQ(link_load(g_vuart_fd), -1);
+    acm.close_master();  // the device is gone: the pending receive ends
+    ASSERT_TRUE(sb.wait_log("ACM device can not find, atcmder_VuartRx_thread will die!", kLongWait));
+    EXPECT_EQ(link_load(g_VuartRx_thread), 0u);
+    ASSERT_TRUE(supervisor_caught_up(sb));
+    EXPECT_EQ(count_in_log(sb, "handling thread got signal 12"), 1u);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    WifiWanted, UnplugTest,
+    ::testing::Values(UnplugRow{"NoWifi", 0, AT_MODE_NONE}, UnplugRow{"WifiTakesOver", 1, AT_MODE_WIFI}),
+    [](const ::testing::TestParamInfo<UnplugRow> &info) { return info.param.name; });
+
+// A second port while the first is read: one thread, which moves to the new port; then both
+// vanish unseen by the watch (moved away), mid-line, and the thread itself asks for the unplug.
+TEST_F(UsbLinkTest, ReplugKeepsOneThreadAndAPulledPortEndsItThroughOneUnplug) {
+    open();
+    Pty &first = port(sb, 3);
+    ASSERT_TRUE(usb_events(1));
+    Pty &second = port(sb, 4);
+    ASSERT_TRUE(usb_events(2));
+    EXPECT_EQ(link_load(g_dev_ACM), 4);
+    first.write("+SN=FIRST\r\n");  // ends the receive still pending on the first port
+    second.write("+SN=SECOND\r\n");
+    EXPECT_TRUE(sb.wait_log("receive data is +SN=SECOND", kLongWait));
+    EXPECT_EQ(count_in_log(sb, "atcmder_VuartRx_thread is running!"), 1u);
+
+    second.write("+VER=1.0");
+    for (const char *name : {"3", "4"}) {
+        const std::string from = sb.path("/dev/ttyACM") + name, to = sb.path("/dev/gone") + name;
+        ASSERT_EQ(rename(from.c_str(), to.c_str()), 0);
+    }
+    first.close_master();
+    second.close_master();
+    ASSERT_TRUE(sb.wait_log("ACM device disappear, atcmder_VuartRx_thread will die!", kLongWait));
+    ASSERT_TRUE(usb_events(3));
+    EXPECT_EQ(usb_pairs().back(), (Pair{0, -1}));
+    EXPECT_TRUE(wait_until([] { return link_load(g_VuartRx_thread) == 0; }, kLongWait));
+    ASSERT_TRUE(supervisor_caught_up(sb));
+    EXPECT_EQ(mode(), AT_MODE_NONE);
+    EXPECT_EQ(count_in_log(sb, "handling thread got signal 12"), 1u);
+    EXPECT_EQ(count_in_log(sb, "receive data is +VER"), 0u);  // the half line is never parsed
+}
+
+struct ForeignRow {
+    const char *name;
+    void (*make)(const Sandbox &sb);
+    const char *seen;       // the log line that shows the entry was looked at
+    size_t plug_signals;
+};
+
+const ForeignRow kForeignRows[] = {
+    {"OtherProduct", [](const Sandbox &sb) { port(sb, 3, "PRODUCT=7a1d/5102/100\n"); },
+     "buf_match PRODUCT=7a1d/5101", 1},
+    {"NoUevent", [](const Sandbox &sb) { port(sb, 3, nullptr); }, "open node fail.", 1},
+    {"DirectoryNamedLikeAPort",
+     [](const Sandbox &sb) { mkdir(sb.path("/dev/ttyACM9").c_str(), 0755); },
+     "New directory ttyACM9 created.", 0},
+};
+
+class ForeignEntryTest : public UsbLinkTest, public ::testing::WithParamInterface<ForeignRow> {};
+
+TEST_P(ForeignEntryTest, IsIgnoredWithNothingNotifiedOrOpened) {
+    open();
+    GetParam().make(sb);
+    ASSERT_TRUE(sb.wait_log(GetParam().seen, kLongWait));
+    ASSERT_TRUE(supervisor_caught_up(sb));
+    EXPECT_EQ(count_in_log(sb, "handling thread got signal 10"), GetParam().plug_signals);
+    EXPECT_EQ(count_in_log(sb, "hot pluged device is corvel."), 0u);
+    EXPECT_TRUE(usb_pairs().empty());
+    EXPECT_EQ(mode(), AT_MODE_NONE);
+    EXPECT_EQ(link_load(g_vuart_fd), -1);
+    EXPECT_EQ(link_load(g_VuartRx_thread), 0u);
+}
+
+INSTANTIATE_TEST_SUITE_P(Entries, ForeignEntryTest, ::testing::ValuesIn(kForeignRows),
+                         [](const ::testing::TestParamInfo<ForeignRow> &info) {
+                             return info.param.name;
+                         });
