@@ -5,7 +5,7 @@
 #   scripts/memcheck.sh COMMAND [ARGS...]    any other program that opens the module
 # The command must end by a normal exit, with the device still open: closing the device ends the
 # process with SIGKILL, which leaves valgrind no moment to look for leaks. A run that ends by a
-# signal is reported as such and fails.
+# signal is reported as such and fails. tests/memcheck.supp lists the reports accepted on purpose.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -18,6 +18,7 @@ log=build/memcheck.log
 status=0
 valgrind --tool=memcheck --leak-check=full --show-leak-kinds=definite \
   --errors-for-leak-kinds=definite --track-origins=yes --error-exitcode=99 \
+  --suppressions=tests/memcheck.supp \
   --log-file="$log" "$@" >build/memcheck.out 2>&1 || status=$?
 
 if grep -q "Process terminating with default action of signal" "$log"; then
