@@ -2,7 +2,9 @@
 # Installs what the build and the tests need on a Debian machine, only when something is missing.
 set -euo pipefail
 
-packages=(cmake make g++ binutils googletest libgtest-dev android-liblog-dev)
+# clang and libclang-rt-14-dev: the libFuzzer targets; valgrind: scripts/memcheck.sh.
+packages=(cmake make g++ binutils googletest libgtest-dev android-liblog-dev
+          clang libclang-rt-14-dev valgrind)
 missing=()
 for p in "${packages[@]}"; do
   dpkg -s "$p" >/dev/null 2>&1 || missing+=("$p")

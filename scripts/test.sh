@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Builds the module and runs every test three times: a normal build, AddressSanitizer with
 # UndefinedBehaviorSanitizer, and ThreadSanitizer. Each test case runs in its own process.
+# Then each fuzz target runs for a few seconds (clang build in build-fuzz/, scripts/fuzz.sh).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -19,3 +20,4 @@ run_suite build ""
 run_suite build-asan "address,undefined"
 run_suite build-tsan "thread"
 echo "all three test runs passed"
+scripts/fuzz.sh "${ATCMD_FUZZ_SECONDS:-10}"

@@ -126,7 +126,14 @@ TEST(LogPrefixTest, EveryMessageCarriesTheNameOfItsFunction) {
         {nullptr, "atcmder_Timeout_thread", "No. 7 atcmd has been removed since timeout"},
         {[] { pthread_create(&g_uartRx_thread, nullptr, atcmder_uartRx_thread, nullptr); },
          "atcmder_uartRx_thread", "uart cannot receive data, uart will be re-init!"},
-        {[] { kept_open_uart().write("+OK\r\n"); }, "atcmder_uartRx_thread",
+        {[&] {  // once the thread's re-open has set the line raw and flushed it
+             wait_until([&] {
+                 const std::string log = sb.log_text();
+                 return log.find("Init uart") != log.rfind("Init uart");
+             });
+             kept_open_uart().write("+OK\r\n");
+         },
+         "atcmder_uartRx_thread",
          "Uart rcv data length is 5, receive data is +OK"},
         {[] { kept_open_uart().write(std::string(600, 'x')); }, "atcmder_uartRx_thread",
          "Uart receive data length is too long, skip it"},

@@ -1,9 +1,14 @@
-// The record queues: order, status codes, refusals, and the locked-mutex path of an empty text.
+// The record queues: order, status codes, refusals, the locked-mutex path of an empty text, and
+// the wake-up protocol between producers and a sleeping consumer.
 #include <gtest/gtest.h>
 
 #include <time.h>
+#include <unistd.h>
 
+#include <atomic>
+#include <fstream>
 #include <thread>
+#include <vector>
 
 #include "engine/engine.h"
 #include "log/atcmd_log.h"
@@ -86,3 +91,132 @@ TEST_F(QueueTest, EmptyTextIsAcceptedThenDroppedLeavingTheQueueLocked) {
     pthread_mutex_unlock(&mutex);  // held by this thread since the dequeue
     EXPECT_EQ(drain_queue(&head, &mutex).size(), 1u);
 }
+
+namespace {
+
+// One engine queue with its locks and its producer entry.
+struct EngineQueue {
+    const char *name;
+    struct atcmder_queue_head *head;
+    pthread_mutex_t *list_mutex;
+    pthread_mutex_t *wait_mutex;
+    pthread_cond_t *not_empty;
+    uint32_t (*send)(const AtCmder_t *cmd);
+};
+
+const EngineQueue kEngineQueues[] = {
+    {"Rx", &Rx_head, &g_rxqueue_mutex, &rxbuffer_Mutex, &rxbuffer_notempty, atcmder_send_to_rx},
+    {"Tx", &Tx_head, &g_txqueue_mutex, &txbuffer_Mutex, &txbuffer_notempty, atcmder_send_to_tx},
+    {"Timeout", &Timeout_head, &g_timeoutqueue_mutex, &timeoutbuffer_Mutex,
+     &timeoutbuffer_notempty, atcmder_send_to_timeout},
+};
+
+constexpr uint8_t kStopSource = 99;
+
+uint32_t send(const EngineQueue &q, uint8_t source, uint16_t seq) {
+    char text[] = "+OK\r\n";
+    AtCmder_t cmd = {AT_TYPE_RESPONSE, source, 0, 0, 0, AT_MSG_OK, seq, 0, 0, text};
+    return q.send(&cmd);
+}
+
+// A consumer as the engine's threads run one: wait, then drain everything queued. Counts how
+// often its wait returned and keeps each producer's sequence numbers in arrival order.
+struct Consumer {
+    explicit Consumer(const EngineQueue &queue) : q(queue), thread([this] { run(); }) {}
+    ~Consumer() {
+        if (thread.joinable()) stop();
+    }
+    void stop() {
+        send(q, kStopSource, 0);
+        thread.join();
+    }
+    void run() {
+        tid = gettid();
+        char text[AT_LINE_BUF_SIZE];
+        AtCmder_t cmd = {};
+        cmd.data = text;
+        for (;;) {
+            atcmder_wait_queue(q.head, q.list_mutex, q.wait_mutex, q.not_empty);
+            wakeups.fetch_add(1);
+            while (atcmder_dequeue(q.head, q.list_mutex, &cmd) == ATCMDER_QUEUE_OK) {
+                if (cmd.source == kStopSource) return;
+                seen[cmd.source].push_back(cmd.seq_num);
+                taken.fetch_add(1);
+            }
+        }
+    }
+    // Context switches of the consumer thread so far: each sleep and wake-up counts one.
+    long switches() const {
+        std::ifstream status("/proc/self/task/" + std::to_string(tid.load()) + "/status");
+        std::string line;
+        long total = 0;
+        while (std::getline(status, line)) {
+            if (line.find("ctxt_switches:") != std::string::npos) {
+                total += std::stol(line.substr(line.find(':') + 1));
+            }
+        }
+        return total;
+    }
+
+    const EngineQueue &q;
+    std::atomic<pid_t> tid{0};
+    std::atomic<long> wakeups{0};
+    std::atomic<long> taken{0};
+    std::vector<uint16_t> seen[kStopSource];
+    std::thread thread;
+};
+
+struct WakeupTest : ::testing::TestWithParam<EngineQueue> {};
+
+}  // namespace
+
+// Producers that pause now and then let the consumer fall asleep again and again, so the
+// producers' wake-ups race its emptiness test. A lost wake-up leaves records queued with the
+// consumer asleep for good (it has no periodic re-test), and the deadline fails the test.
+TEST_P(WakeupTest, NoWakeUpIsLostUnderManyProducersAndEveryRecordArrivesInOrder) {
+    constexpr int kProducers = 4;
+    constexpr uint16_t kPerProducer = 4000;
+    Consumer consumer(GetParam());
+    std::vector<std::thread> producers;
+    for (uint8_t p = 0; p < kProducers; ++p) {
+        producers.emplace_back([p] {
+            for (uint16_t seq = 0; seq < kPerProducer; ++seq) {
+                const bool bursts = p % 2 == 1;  // half the producers hand over in bursts
+                if (bursts && seq % 8 == 0) atcmder_burst_begin();
+                send(GetParam(), p, seq);
+                if (bursts && (seq % 8 == 7 || seq + 1 == kPerProducer)) atcmder_burst_end();
+                if (seq % 64 == 0) usleep(50);  // let the consumer run dry and sleep
+            }
+        });
+    }
+    for (std::thread &t : producers) t.join();
+    ASSERT_TRUE(wait_until([&] { return consumer.taken == kProducers * kPerProducer; }, 20000))
+        << consumer.taken << " records taken";
+    consumer.stop();
+    for (uint8_t p = 0; p < kProducers; ++p) {
+        ASSERT_EQ(consumer.seen[p].size(), kPerProducer);
+        for (uint16_t seq = 0; seq < kPerProducer; ++seq) ASSERT_EQ(consumer.seen[p][seq], seq);
+    }
+}
+
+// An idle consumer sleeps without a time limit, and a burst joins the queue and wakes the
+// consumer once, at the burst's end.
+TEST_P(WakeupTest, IdleConsumerStaysAsleepAndABurstWakesItOnceAtItsEnd) {
+    Consumer consumer(GetParam());
+    ASSERT_TRUE(wait_until([&] { return consumer.tid != 0 && consumer.wakeups == 0; }));
+    const long asleep = consumer.switches();
+    usleep(300 * 1000);  // a consumer that re-tests on a timer would switch here
+    EXPECT_EQ(consumer.switches(), asleep);
+
+    atcmder_burst_begin();
+    for (uint16_t seq = 0; seq < 50; ++seq) ASSERT_EQ(send(GetParam(), 1, seq), 0u);
+    usleep(100 * 1000);
+    EXPECT_EQ(consumer.wakeups, 0);  // records and wake-up are held until the burst ends
+    EXPECT_EQ(atcmder_empty_queue(GetParam().head, GetParam().list_mutex), 1u);
+    atcmder_burst_end();
+    ASSERT_TRUE(wait_until([&] { return consumer.taken == 50; }));
+    EXPECT_EQ(consumer.wakeups, 1);
+}
+
+INSTANTIATE_TEST_SUITE_P(EngineQueues, WakeupTest, ::testing::ValuesIn(kEngineQueues),
+                         [](const auto &info) { return std::string(info.param.name); });

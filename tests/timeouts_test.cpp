@@ -18,8 +18,7 @@ struct TimeoutTest : ::testing::Test {
 static void watch(const char *text, uint16_t seq, int32_t sec, int32_t usec) {
     AtCmder_t cmd = {AT_TYPE_QUERY, 0, AT_NODE_ACCESSORY, 1, 0, AT_MSG_VER, seq, sec, usec,
                      const_cast<char *>(text)};
-    atcmder_enqueue(&Timeout_head, &g_timeoutqueue_mutex, &cmd);
-    pthread_cond_signal(&timeoutbuffer_notempty);
+    atcmder_send_to_timeout(&cmd);
 }
 
 static std::string texts(const std::vector<QueuedLine> &lines) {

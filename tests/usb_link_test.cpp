@@ -37,9 +37,10 @@ void write_uevent(const Sandbox &sb, const std::string &port, const std::string 
 Pty &port(const Sandbox &sb, int n, const char *uevent = kCorvelUevent) {
     const std::string name = "ttyACM" + std::to_string(n);
     if (uevent != nullptr) write_uevent(sb, name, uevent);
-    Pty *pty = new Pty;
-    pty->link_as(sb, "/dev/" + name);
-    return *pty;
+    static std::vector<Pty *> *const kept = new std::vector<Pty *>;  // reachable, not leaked
+    kept->push_back(new Pty);
+    kept->back()->link_as(sb, "/dev/" + name);
+    return *kept->back();
 }
 
 size_t count_in_log(const Sandbox &sb, const std::string &text) {

@@ -50,8 +50,8 @@ int atcmder_post_parse_process(AtCmder_t *cmd) {
         atcmder_send_to_tx(cmd);
         return 0;
     }
-    atcmder_enqueue(&Rx_head, &g_rxqueue_mutex, cmd);
-    return pthread_cond_signal(&rxbuffer_notempty);
+    atcmder_send_to_rx(cmd);
+    return 0;
 }
 
 void *atcmder_dispatch_thread(void * /*arg*/) {

@@ -45,12 +45,18 @@ extern struct atcmder_queue_head Tx_head;      /* lines for the transmit thread 
 extern struct atcmder_queue_head Timeout_head; /* sent requests awaiting their answer */
 
 /* List locks: each guards the links of its queue, taken inside enqueue and dequeue.
- * Lock order: timeoutbuffer_Mutex, then g_timeoutqueue_mutex, then g_txqueue_mutex. */
+ * Lock order: timeoutbuffer_Mutex, then g_timeoutqueue_mutex, then txbuffer_Mutex, then
+ * g_txqueue_mutex; a queue's wait mutex always before its own list lock (the consumer tests
+ * emptiness under it), and a producer takes a wait mutex only after its enqueue released the
+ * list lock. The time-out thread's resend wakes the transmit thread (txbuffer_Mutex) while it
+ * holds g_timeoutqueue_mutex; nothing takes those two the other way round. */
 extern pthread_mutex_t g_rxqueue_mutex;      /* guards Rx_head */
 extern pthread_mutex_t g_txqueue_mutex;      /* guards Tx_head */
 extern pthread_mutex_t g_timeoutqueue_mutex; /* guards Timeout_head */
 
-/* Wait pairs of the consumers; the mutex is held only while testing emptiness and waiting. */
+/* Wait pairs of the consumers. Each mutex guards its consumer's "asleep" mark (queue.cpp) and
+ * is held by the consumer while it tests emptiness and waits, and by a producer while it
+ * signals, so that no signal can fall between the test and the wait. */
 extern pthread_mutex_t rxbuffer_Mutex;
 extern pthread_cond_t rxbuffer_notempty;
 extern pthread_mutex_t txbuffer_Mutex;
@@ -130,12 +136,26 @@ size_t at_rx_room(const struct at_rx_buffer *rx);
 void at_rx_frame(struct at_rx_buffer *rx, size_t received, at_rx_deliver_fn deliver,
                  at_rx_too_long_fn too_long, void *ctx);
 
-/* Puts a copy of `cmd` on a queue and wakes its consumer. */
-uint32_t atcmder_send_to_tx(const AtCmder_t *cmd);
+/* ---- Producers and consumers: the wake-up protocol ---------------------------------------- */
 
-/* A consumer's wait: returns once `head` holds a record. Tests emptiness under `wait_mutex`
- * and sleeps on `not_empty`, re-testing at a short interval so that a signal sent between the
- * test and the wait is never lost for good. */
+/* The one way onto each queue for the engine's producers: puts a copy of `cmd` on the queue and
+ * wakes its consumer when the consumer is asleep (inside a burst: when the burst ends).
+ * Same status codes as atcmder_enqueue; a refused record wakes nobody. */
+uint32_t atcmder_send_to_tx(const AtCmder_t *cmd);
+uint32_t atcmder_send_to_rx(const AtCmder_t *cmd);
+uint32_t atcmder_send_to_timeout(const AtCmder_t *cmd);
+
+/* A burst of records from one thread (one received chunk): the records it queues are held by
+ * the thread and join their queues, in order, at the matching end, each queue under one lock
+ * and with one wake-up, so the consumer wakes once and drains the whole burst. Nests; per
+ * thread. The statuses are those of atcmder_enqueue, given when the record is held. */
+void atcmder_burst_begin(void);
+void atcmder_burst_end(void);
+
+/* A consumer's wait: returns once `head` (Rx_head, Tx_head or Timeout_head) holds a record.
+ * Marks the consumer asleep and tests emptiness under `wait_mutex`, then sleeps on `not_empty`
+ * with no time limit: a producer that sees the mark signals under the same mutex, so the
+ * wake-up cannot be lost. The consumer drains the queue before it waits again. */
 void atcmder_wait_queue(struct atcmder_queue_head *head, pthread_mutex_t *list_mutex,
                         pthread_mutex_t *wait_mutex, pthread_cond_t *not_empty);
 

@@ -80,11 +80,37 @@ constexpr Transition kTransitions[] = {
     {State::LineEnd, kAnyChar, kKeepType, Lookup::None, Step::StoreReject, State::Start},
 };
 
-const Transition &transition_for(State state, char c) {
-    for (const Transition &t : kTransitions) {
-        if (t.state == state && (t.ch == c || t.ch == kAnyChar)) return t;
+constexpr size_t kStateCount = static_cast<size_t>(State::LineEnd) + 1;
+constexpr size_t kCharCount = 256;
+constexpr size_t kRowCount = sizeof kTransitions / sizeof kTransitions[0];
+
+// For every state and character, the index of the first row of kTransitions that applies, so
+// a character costs one table read instead of a search of the rows.
+struct RowIndex {
+    uint8_t row[kStateCount][kCharCount];
+};
+
+constexpr RowIndex build_row_index() {
+    RowIndex index{};
+    for (size_t s = 0; s < kStateCount; ++s) {
+        for (size_t c = 0; c < kCharCount; ++c) {
+            for (size_t r = 0; r < kRowCount; ++r) {
+                const Transition &t = kTransitions[r];
+                const bool hit = t.ch == kAnyChar || static_cast<unsigned char>(t.ch) == c;
+                if (static_cast<size_t>(t.state) == s && hit) {
+                    index.row[s][c] = static_cast<uint8_t>(r);
+                    break;
+                }
+            }
+        }
     }
-    return kTransitions[0];  // unreachable: every state ends with a kAnyChar row
+    return index;
+}
+
+constexpr RowIndex kRowIndex = build_row_index();
+
+const Transition &transition_for(State state, char c) {
+    return kTransitions[kRowIndex.row[static_cast<size_t>(state)][static_cast<unsigned char>(c)]];
 }
 
 // The rows whose lines are unsolicited reports rather than answers.
@@ -166,6 +192,26 @@ void end_line(Parse &p) {
     clear_line(p);
 }
 
+// A row that keeps the character and stays in its state applies again to every following
+// character that maps to the same row, so such a run is copied at once, up to the line limit.
+// Returns the number of characters stored.
+size_t store_run(Parse &p, const Transition &t) {
+    const auto row = static_cast<size_t>(&t - kTransitions);
+    const uint8_t *rows = kRowIndex.row[static_cast<size_t>(p.state)];
+    const size_t room = kMaxLineLen - p.line_len;
+    size_t n = 1;
+    if (t.next == p.state && t.lookup == Lookup::None) {
+        while (n < room && p.pos + n < p.len &&
+               rows[static_cast<unsigned char>(p.text[p.pos + n])] == row) {
+            ++n;
+        }
+    }
+    memcpy(p.cmd->data + p.line_len, p.text + p.pos, n);
+    p.line_len += n;
+    p.cmd->data[p.line_len] = '\0';
+    return n;
+}
+
 // Runs one character through the table. A rejected line leaves `pos` where it is, so the same
 // character is looked at again in Start.
 void step(Parse &p, char c) {
@@ -176,7 +222,7 @@ void step(Parse &p, char c) {
         return;
     }
     switch (t.step) {
-        case Step::Store: store(p, c); break;
+        case Step::Store: p.pos += store_run(p, t) - 1; break;
         case Step::MarkHash:
             p.hash_at = p.line_len;
             store(p, c);
@@ -213,6 +259,7 @@ void cmd_Parse_from_buffer(AtCmder_t *cmd, const char *text) {
     }
     Parse p{cmd, text, strlen(text)};
     clear_line(p);
+    atcmder_burst_begin();  // the consumers wake once for all lines of this text
     while (p.pos < p.len) {
         if (p.line_len == kMaxLineLen) {
             // The stored text is lost; this character starts afresh.
@@ -222,4 +269,5 @@ void cmd_Parse_from_buffer(AtCmder_t *cmd, const char *text) {
         }
         step(p, text[p.pos]);
     }
+    atcmder_burst_end();
 }

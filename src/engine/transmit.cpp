@@ -129,8 +129,7 @@ void watch_for_answer(AtCmder_t *cmd) {
     gettimeofday(&now, nullptr);
     cmd->tv_sec = static_cast<int32_t>(now.tv_sec);
     cmd->tv_usec = static_cast<int32_t>(now.tv_usec);
-    atcmder_enqueue(&Timeout_head, &g_timeoutqueue_mutex, cmd);
-    pthread_cond_signal(&timeoutbuffer_notempty);
+    atcmder_send_to_timeout(cmd);
     ATCMD_LOG_AS("atcmder_Tx_thread", LOG_TAG, 4, "Timeout buf enqueued cmd %s", cmd->data);
 }
 

@@ -1,0 +1,11 @@
+#!/usr/bin/env bash
+# Builds the module (RelWithDebInfo, build/) and prints the performance table.
+#   scripts/bench.sh           the full run (about a minute)
+#   scripts/bench.sh --quick   shorter runs
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+scripts/install-deps.sh
+cmake -S . -B build -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
+cmake --build build -j2 --target atcmd_bench >/dev/null
+build/bin/atcmd_bench "$@"
