@@ -1,13 +1,23 @@
 #!/usr/bin/env bash
-# The main job: builds the module and loads it the way the platform does, in a sandbox root
-# under /tmp, then shows what it logged.
+# The main job: installs what is missing, builds, then runs the demonstration: the module loaded
+# as the platform does, against the simulated accessory (USB) and Wi-Fi daemon, in a fresh
+# sandbox under /tmp that is left in place for a look at the log file and the properties.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
 scripts/install-deps.sh
 cmake -S . -B build -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
-cmake --build build -j"$(nproc)"
+cmake --build build -j"$(nproc)" --target atcmdprocess_module atcmd_console atcmd_accessory_sim atcmd_daemon_sim >/dev/null
 
 root=$(mktemp -d /tmp/atcmd-demo-XXXXXX)
-echo "sandbox root: $root"
-ATCMD_ROOT="$root" build/bin/atcmd_open_demo build/hw/atcmdprocess.default.so
+status=0
+ATCMD_ROOT="$root" build/bin/atcmd_console --sim --echo tools/demo/demo.atcmd || status=$?
+
+echo
+echo "sandbox left in place: $root"
+echo "  module log:  $root/sdcard/quorvanta/.log/atcmdprocess"
+echo "  properties:  $root/property/ ($(ls "$root/property" | tr '\n' ' '))"
+if [ "$status" -ne 0 ]; then
+  echo "some steps of the demonstration did not happen (see the \"error:\" lines above)"
+fi
+exit "$status"

@@ -21,6 +21,7 @@
 
 #include "engine/engine.h"
 #include "hal/hal.h"
+#include "sim/messages.h"
 
 // Sanitizer settings for every test process.
 // report_signal_unsafe=0: the Wi-Fi threads are ended by SIGALRM, whose handler logs and leaves
@@ -178,52 +179,11 @@ Recorder &Recorder::instance() {
     return *recorder;
 }
 
-namespace {
-
-enum class Kind { Ints, Text, VerBlock };
-
-struct MessageKind {
-    uint16_t msg_id;
-    Kind kind;
-    size_t ints;  // how many integers `data` points to, for Kind::Ints
-};
-
-// What `data` points to, by message id; every other id carries one integer.
-constexpr MessageKind kKinds[] = {
-    {AT_MSG_BAT, Kind::Ints, 6},    {AT_MSG_BATCG, Kind::Ints, 6},  {AT_MSG_HALL, Kind::Ints, 3},
-    {AT_MSG_HALLCG, Kind::Ints, 3}, {AT_MSG_ACC, Kind::Ints, 3},    {AT_MSG_HRM, Kind::Ints, 2},
-    {AT_MSG_USBSTATE, Kind::Ints, 2}, {AT_MSG_BTMAC, Kind::Text, 0}, {AT_MSG_BLEMAC, Kind::Text, 0},
-    {AT_MSG_SN, Kind::Text, 0},     {AT_MSG_SID, Kind::Text, 0},    {AT_MSG_TYPE, Kind::Text, 0},
-    {AT_MSG_DTR, Kind::Text, 0},    {AT_MSG_MMI1, Kind::Text, 0},   {AT_MSG_PT, Kind::Text, 0},
-    {AT_MSG_VER, Kind::VerBlock, 0},
-};
-
-MessageKind kind_of(uint16_t msg_id) {
-    for (const MessageKind &k : kKinds) {
-        if (k.msg_id == msg_id) return k;
-    }
-    return {msg_id, Kind::Ints, 1};
-}
-
-}  // namespace
-
+// Values are decoded by the tools' message table, the one the console prints with.
 void Recorder::callback(const AT_CMD_CbMsg_t *msg) {
-    Notice n{msg->msg_id, msg->seq_num, msg->data != nullptr, {}, {}};
-    const MessageKind k = kind_of(msg->msg_id);
-    if (msg->data != nullptr && k.kind == Kind::Ints) {
-        const auto *ints = static_cast<const int32_t *>(msg->data);
-        n.values.assign(ints, ints + k.ints);
-    } else if (msg->data != nullptr && k.kind == Kind::Text) {
-        n.text = static_cast<const char *>(msg->data);
-    } else if (msg->data != nullptr) {
-        const auto *block = static_cast<const char *>(msg->data);
-        constexpr int offsets[] = CORVEL_VER_SLOT_OFFSETS;
-        constexpr int sizes[] = CORVEL_VER_SLOT_SIZES;
-        for (int i = 0; i < CORVEL_VER_ITEMS; ++i) {
-            if (i) n.text += "|";
-            n.text += std::string(block + offsets[i], strnlen(block + offsets[i], sizes[i]));
-        }
-    }
+    const atcmd_tools::DecodedMessage m = atcmd_tools::decode_message(msg);
+    Notice n{msg->msg_id, msg->seq_num, msg->data != nullptr, m.ints, {}};
+    for (size_t i = 0; i < m.texts.size(); ++i) n.text += (i ? "|" : "") + m.texts[i];
     Recorder &r = instance();
     std::lock_guard<std::mutex> lock(r.mutex_);
     r.notices_.push_back(std::move(n));

@@ -1,0 +1,95 @@
+/*
+ * The console's module loader: the search path, dlopen, the "HMI" record check and open, as
+ * the platform's loader does it. Runs once on the console's main thread.
+ */
+#include "console/loader.h"
+
+#include <dlfcn.h>
+#include <limits.h>
+#include <stdlib.h>
+#include <string.h>
+#include <unistd.h>
+
+namespace atcmd_tools {
+
+namespace {
+
+constexpr const char kModuleFile[] = ATCMDPROCESS_HARDWARE_MODULE_ID ".default.so";
+constexpr const char *kPlatformDirs[] = {"/vendor/lib64/hw", "/system/lib64/hw", "/vendor/lib/hw",
+                                         "/system/lib/hw"};
+
+std::string tool_dir() {
+    char exe[PATH_MAX];
+    const ssize_t n = readlink("/proc/self/exe", exe, sizeof exe - 1);
+    if (n <= 0) return "";
+    exe[n] = '\0';
+    char *slash = strrchr(exe, '/');
+    if (slash != nullptr) *slash = '\0';
+    return exe;
+}
+
+}  // namespace
+
+std::vector<std::string> module_candidates(const std::string &explicit_path) {
+    if (!explicit_path.empty()) return {explicit_path};
+    std::vector<std::string> dirs;
+    const char *env = getenv("ATCMD_HAL_PATH");
+    for (std::string rest = env != nullptr ? env : ""; !rest.empty();) {
+        const size_t colon = rest.find(':');
+        dirs.push_back(rest.substr(0, colon));
+        rest = colon == std::string::npos ? "" : rest.substr(colon + 1);
+    }
+    dirs.push_back(tool_dir() + "/../hw");
+    for (const char *d : kPlatformDirs) dirs.push_back(d);
+    std::vector<std::string> files;
+    for (const std::string &d : dirs) {
+        if (!d.empty()) files.push_back(d + "/" + kModuleFile);
+    }
+    return files;
+}
+
+bool load_module(const std::string &explicit_path, int log_level, LoadedModule *out, std::string *error) {
+    std::string tried;
+    for (const std::string &path : module_candidates(explicit_path)) {
+        if (access(path.c_str(), R_OK) != 0) {
+            tried += " " + path;
+            continue;
+        }
+        out->handle = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
+        if (out->handle == nullptr) {
+            *error = std::string("dlopen: ") + dlerror();
+            return false;
+        }
+        out->path = path;
+        break;
+    }
+    if (out->handle == nullptr) {
+        *error = "no " + std::string(kModuleFile) + " found; tried" + tried;
+        return false;
+    }
+    out->hmi = static_cast<hw_module_t *>(dlsym(out->handle, HAL_MODULE_INFO_SYM_AS_STR));
+    if (out->hmi == nullptr) {
+        *error = out->path + " has no " HAL_MODULE_INFO_SYM_AS_STR " record";
+        return false;
+    }
+    if (out->hmi->tag != HARDWARE_MODULE_TAG || out->hmi->id == nullptr ||
+        strcmp(out->hmi->id, ATCMDPROCESS_HARDWARE_MODULE_ID) != 0) {
+        *error = out->path + " is not the " ATCMDPROCESS_HARDWARE_MODULE_ID " module";
+        return false;
+    }
+    auto *level = static_cast<int32_t *>(dlsym(out->handle, "log_level"));
+    if (log_level >= 0 && level != nullptr) *level = log_level;  // before any module thread runs
+    hw_device_t *common = nullptr;
+    if (out->hmi->methods == nullptr || out->hmi->methods->open == nullptr ||
+        out->hmi->methods->open(out->hmi, ATCMDPROCESS_HARDWARE_MODULE_ID, &common) != 0 ||
+        common == nullptr) {
+        *error = "the module's open failed";
+        return false;
+    }
+    out->dev = reinterpret_cast<atcmdprocess_device_t *>(common);
+    return true;
+}
+
+void *module_symbol(const LoadedModule &m, const char *name) { return dlsym(m.handle, name); }
+
+}  // namespace atcmd_tools

@@ -1,0 +1,167 @@
+/*
+ * The tools' one table of notify messages: names by msg_id and the kind of value each carries.
+ * Used by the console's callback, the demonstration's summary and the tests' recorder checks.
+ * Pure functions; any thread.
+ */
+#include "sim/messages.h"
+
+#include <errno.h>
+#include <stdio.h>
+#include <string.h>
+#include <strings.h>
+
+namespace atcmd_tools {
+
+namespace {
+
+struct MessageRow {
+    const char *name;
+    ValueKind kind;
+    size_t ints;  // how many integers `data` points to, for ValueKind::Ints
+};
+
+// Indexed by msg_id (the keyword table's row). Rows without a value of their own carry one
+// integer, which is what the module's parsers hand up for single-number answers.
+constexpr MessageRow kRows[AT_MSG_COUNT] = {
+    {"REBOOT", ValueKind::Ints, 1},   {"UPGRADE", ValueKind::None, 0},
+    {"RECOVERY", ValueKind::None, 0}, {"SHUTDOWN", ValueKind::None, 0},
+    {"POWEROFF", ValueKind::Ints, 1}, {"RESET", ValueKind::Ints, 1},
+    {"STARTUP", ValueKind::None, 0},  {"BTMAC", ValueKind::Text, 0},
+    {"BLEMAC", ValueKind::Text, 0},   {"BAT", ValueKind::Ints, 6},
+    {"STATE", ValueKind::Ints, 1},    {"VER", ValueKind::VerBlock, 0},
+    {"HALL", ValueKind::Ints, 3},     {"SN", ValueKind::Text, 0},
+    {"SID", ValueKind::Text, 0},      {"TYPE", ValueKind::Text, 0},
+    {"USBSTATE", ValueKind::Ints, 2}, {"SCREEN", ValueKind::Ints, 1},
+    {"WIFICON", ValueKind::Ints, 1},  {"MICMODE", ValueKind::Ints, 1},
+    {"WIFI", ValueKind::Ints, 1},     {"BT", ValueKind::Ints, 1},
+    {"TIME", ValueKind::None, 0},     {"OK", ValueKind::None, 0},
+    {"ERROR", ValueKind::Ints, 1},    {"SLEEP", ValueKind::None, 0},
+    {"BATCG", ValueKind::Ints, 6},    {"BKL", ValueKind::Ints, 1},
+    {"MODE", ValueKind::Ints, 1},     {"ACC", ValueKind::Ints, 3},
+    {"LIGHT", ValueKind::Ints, 1},    {"HALLCG", ValueKind::Ints, 3},
+    {"TEST", ValueKind::Ints, 1},     {"HRM", ValueKind::Ints, 2},
+    {"DTR", ValueKind::Text, 0},      {"PTEST", ValueKind::None, 0},
+    {"MMI1", ValueKind::Text, 0},     {"PT", ValueKind::Text, 0},
+    {"WT", ValueKind::None, 0},
+};
+
+struct ErrorName {
+    int32_t code;
+    const char *name;
+};
+
+// Negative error numbers the module sends with msg_id ERROR.
+constexpr ErrorName kErrorNames[] = {
+    {-ETIMEDOUT, "ETIMEDOUT (no answer after two resends)"},
+    {-ENXIO, "ENXIO (serial line does not work)"},
+};
+
+std::string error_text(int32_t code) {
+    for (const ErrorName &e : kErrorNames) {
+        if (e.code == code) return e.name;
+    }
+    return code < 0 ? "accessory error code" : "accessory error value";
+}
+
+std::string ints_text(const std::vector<int32_t> &ints) {
+    std::string out;
+    for (size_t i = 0; i < ints.size(); ++i) {
+        if (i) out += ",";
+        out += std::to_string(ints[i]);
+    }
+    return out;
+}
+
+std::string value_text(const DecodedMessage &m) {
+    if (!m.has_data) return "(no data)";
+    if (m.kind == ValueKind::None) return "(value not decoded)";
+    if (m.msg_id == AT_MSG_ERROR && m.ints.size() == 1) {
+        return std::to_string(m.ints[0]) + " " + error_text(m.ints[0]);
+    }
+    if (m.msg_id == AT_MSG_USBSTATE && m.ints.size() == 2) {
+        return "connected " + std::to_string(m.ints[0]) + " status " + std::to_string(m.ints[1]);
+    }
+    if (m.kind == ValueKind::Ints) return ints_text(m.ints);
+    std::string out;
+    for (size_t i = 0; i < m.texts.size(); ++i) out += (i ? " | " : "") + m.texts[i];
+    return "\"" + out + "\"";
+}
+
+}  // namespace
+
+const char *message_name(uint16_t msg_id) { return msg_id < AT_MSG_COUNT ? kRows[msg_id].name : ""; }
+
+int message_id(const std::string &name) {
+    const char *bare = name.c_str() + (name.rfind("+", 0) == 0 ? 1 : 0);
+    for (int id = 0; id < AT_MSG_COUNT; ++id) {
+        if (strcasecmp(bare, kRows[id].name) == 0) return id;
+    }
+    return -1;
+}
+
+DecodedMessage decode_message(const AT_CMD_CbMsg_t *msg) {
+    DecodedMessage m;
+    m.msg_id = msg->msg_id;
+    m.seq_num = msg->seq_num;
+    m.has_data = msg->data != nullptr;
+    m.name = msg->msg_id < AT_MSG_COUNT ? kRows[msg->msg_id].name : "#" + std::to_string(msg->msg_id);
+    // An unknown id is shown without its data: its size is not known.
+    m.kind = msg->msg_id < AT_MSG_COUNT ? kRows[msg->msg_id].kind : ValueKind::None;
+    if (!m.has_data) return m;
+    if (m.kind == ValueKind::Ints) {
+        const auto *ints = static_cast<const int32_t *>(msg->data);
+        m.ints.assign(ints, ints + kRows[msg->msg_id].ints);
+    } else if (m.kind == ValueKind::Text) {
+        const auto *text = static_cast<const char *>(msg->data);
+        m.texts.emplace_back(text, strnlen(text, AT_LINE_BUF_SIZE));
+    } else if (m.kind == ValueKind::VerBlock) {
+        const auto *block = static_cast<const char *>(msg->data);
+        constexpr int offsets[] = CORVEL_VER_SLOT_OFFSETS;
+        constexpr int sizes[] = CORVEL_VER_SLOT_SIZES;
+        for (int i = 0; i < CORVEL_VER_ITEMS; ++i) {
+            m.texts.emplace_back(block + offsets[i], strnlen(block + offsets[i], sizes[i]));
+        }
+    }
+    return m;
+}
+
+std::string message_text(const DecodedMessage &m) {
+    return m.name + " (msg_id " + std::to_string(m.msg_id) + ") seq " + std::to_string(m.seq_num) +
+           ": " + value_text(m);
+}
+
+std::string json_escape(const std::string &s) {
+    std::string out;
+    for (unsigned char c : s) {
+        if (c == '"' || c == '\\') {
+            out += '\\';
+            out += static_cast<char>(c);
+        } else if (c < 0x20 || c >= 0x7f) {
+            char esc[8];
+            snprintf(esc, sizeof esc, "\\u%04x", c);
+            out += esc;
+        } else {
+            out += static_cast<char>(c);
+        }
+    }
+    return out;
+}
+
+std::string message_json(const DecodedMessage &m) {
+    std::string value = "null";
+    if (m.has_data && m.kind == ValueKind::Ints) {
+        value = "[" + ints_text(m.ints) + "]";
+    } else if (m.has_data && m.kind == ValueKind::Text) {
+        value = "\"" + json_escape(m.texts[0]) + "\"";
+    } else if (m.has_data && m.kind == ValueKind::VerBlock) {
+        value = "[";
+        for (size_t i = 0; i < m.texts.size(); ++i) {
+            value += (i ? ",\"" : "\"") + json_escape(m.texts[i]) + "\"";
+        }
+        value += "]";
+    }
+    return "{\"event\":\"message\",\"msg_id\":" + std::to_string(m.msg_id) + ",\"name\":\"" +
+           m.name + "\",\"seq_num\":" + std::to_string(m.seq_num) + ",\"value\":" + value + "}";
+}
+
+}  // namespace atcmd_tools

@@ -1,0 +1,47 @@
+/*
+ * How the tools read a notify message: the keyword name of each msg_id and what its `data`
+ * points to (integers, a text, the version block, or nothing), decoded into a plain value that
+ * can be printed as text or as a JSON object. Pure functions; any thread.
+ */
+#ifndef ATCMD_TOOLS_SIM_MESSAGES_H
+#define ATCMD_TOOLS_SIM_MESSAGES_H
+
+#include <stdint.h>
+
+#include <string>
+#include <vector>
+
+#include <atcmdprocess/atcmdprocess.h>
+
+namespace atcmd_tools {
+
+enum class ValueKind { None, Ints, Text, VerBlock };
+
+struct DecodedMessage {
+    uint16_t msg_id = 0;
+    uint16_t seq_num = 0;
+    std::string name;            // "VER", "BATCG", ... ("#<id>" when the id is unknown)
+    ValueKind kind = ValueKind::None;
+    bool has_data = false;
+    std::vector<int32_t> ints;   // Ints: the values in order
+    std::vector<std::string> texts;  // Text: one item; VerBlock: the seven items
+};
+
+// Keyword name of a message id without the "+", or "" when the id is out of range.
+const char *message_name(uint16_t msg_id);
+// Message id of a name ("ver", "+VER", "VER", case-insensitive), or -1.
+int message_id(const std::string &name);
+
+// Copies what `msg->data` points to; must run inside the callback.
+DecodedMessage decode_message(const AT_CMD_CbMsg_t *msg);
+
+// "VER seq 11: ..." for people; error codes and the USB pair get their meaning spelled out.
+std::string message_text(const DecodedMessage &m);
+// {"msg_id":11,"name":"VER","seq_num":11,"value":...} on one line.
+std::string message_json(const DecodedMessage &m);
+
+std::string json_escape(const std::string &s);
+
+}  // namespace atcmd_tools
+
+#endif  // ATCMD_TOOLS_SIM_MESSAGES_H

@@ -1,0 +1,33 @@
+/*
+ * Small descriptor and file helpers shared by the simulators and the console: whole writes
+ * with EINTR retried, closing a descriptor once, directories and small files in the sandbox.
+ * Stateless; any thread.
+ */
+#ifndef ATCMD_TOOLS_SIM_SIM_UTIL_H
+#define ATCMD_TOOLS_SIM_SIM_UTIL_H
+
+#include <stddef.h>
+
+#include <string>
+
+namespace atcmd_tools {
+
+// Writes all `n` bytes (retrying EINTR and, briefly, EAGAIN); false on any other failure.
+bool write_all(int fd, const char *bytes, size_t n);
+// Closes *fd when it is open and sets it to -1.
+void close_fd(int *fd);
+// `line` without its trailing CR and LF.
+std::string trim_line_end(const std::string &line);
+// mkdir -p.
+bool make_dirs(const std::string &path);
+// Replaces the file's content with `text`.
+bool write_text_file(const std::string &path, const std::string &text);
+// A wake-up pipe: one byte in, everything out (both ends non-blocking).
+void poke_pipe(int write_end);
+void drain_pipe(int read_end);
+// The path as written, under the sandbox root; "" when it does not fit.
+std::string rooted(const std::string &as_written);
+
+}  // namespace atcmd_tools
+
+#endif  // ATCMD_TOOLS_SIM_SIM_UTIL_H
