@@ -280,13 +280,14 @@ CommandResult cmd_dsim(const std::vector<std::string> &w) {
 
 // Waits for the next message of a kind (optionally with a value) after the last one waited for.
 CommandResult cmd_wait(const std::vector<std::string> &w) {
-    const std::string spec = w.size() > 1 ? w[1] : "";
-    const size_t eq = spec.find('=');
-    const int id = message_id(spec.substr(0, eq));
+    const std::string wanted = w.size() > 1 ? w[1] : "";
+    const size_t eq = wanted.find('=');
+    const int id = message_id(wanted.substr(0, eq));
     if (id < 0) return fail("usage: wait NAME[=VALUE] [MS]");
-    const std::string value = eq == std::string::npos ? "" : spec.substr(eq + 1);
+    const std::string value = eq == std::string::npos ? "" : wanted.substr(eq + 1);
     std::unique_lock<std::mutex> lock(g.msg_mu);
-    const bool found = g.msg_arrived.wait_for(lock, std::chrono::milliseconds(int_arg(w, 2, kDefaultWaitMs)), [&] {
+    const auto deadline = std::chrono::milliseconds(int_arg(w, 2, kDefaultWaitMs));
+    const bool found = g.msg_arrived.wait_for(lock, deadline, [&] {
         for (size_t i = std::max(g.cursors[id], g.mark); i < g.messages.size(); ++i) {
             const DecodedMessage &m = g.messages[i];
             if (m.msg_id == id && (eq == std::string::npos || plain_value(m) == value)) {
@@ -296,7 +297,7 @@ CommandResult cmd_wait(const std::vector<std::string> &w) {
         }
         return false;
     });
-    return found ? ok() : fail("timed out waiting for " + spec);
+    return found ? ok() : fail("timed out waiting for " + wanted);
 }
 
 CommandResult cmd_wait_acc(const std::vector<std::string> &w) {
