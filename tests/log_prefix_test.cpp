@@ -20,12 +20,6 @@ using namespace atcmd_test;
 
 namespace {
 
-// Never destroyed: the UART receive thread outlives the test and must not see its line die.
-Pty &kept_open_uart() {
-    static Pty *const pty = new Pty;
-    return *pty;
-}
-
 std::string escaped(const std::string &text) {
     return std::regex_replace(text, std::regex(R"([.^$|()\[\]{}*+?\\])"), R"(\$&)");
 }
@@ -61,7 +55,8 @@ TEST(LogPrefixTest, EveryMessageCarriesTheNameOfItsFunction) {
     log_file_init(ATCMD_LOG_DIR, ATCMD_LOG_FILE);
     Pty acm;
     acm.link_as(sb, "/dev/ttyACM3");
-    kept_open_uart().link_as(sb, "/dev/ttyS4");
+    Pty &uart = kept_pty();  // the UART receive thread outlives the test
+    uart.link_as(sb, "/dev/ttyS4");
     int32_t values[6];
     usbdev_sts_t sts;
     int32_t fd = -1;
@@ -131,11 +126,11 @@ TEST(LogPrefixTest, EveryMessageCarriesTheNameOfItsFunction) {
                  const std::string log = sb.log_text();
                  return log.find("Init uart") != log.rfind("Init uart");
              });
-             kept_open_uart().write("+OK\r\n");
+             uart.write("+OK\r\n");
          },
          "atcmder_uartRx_thread",
          "Uart rcv data length is 5, receive data is +OK"},
-        {[] { kept_open_uart().write(std::string(600, 'x')); }, "atcmder_uartRx_thread",
+        {[&] { uart.write(std::string(600, 'x')); }, "atcmder_uartRx_thread",
          "Uart receive data length is too long, skip it"},
     };
     for (const Row &row : rows) {

@@ -83,13 +83,7 @@ void write_rx(const Sandbox &sb, const std::string &text) {
 // Reads what the module wrote to "/dev/fifo_tx" until it holds `want`.
 std::string read_tx(const Sandbox &sb, const std::string &want) {
     const int fd = open(sb.path("/dev/fifo_tx").c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
-    std::string got;
-    wait_until([&] {
-        char buf[256];
-        const ssize_t n = read(fd, buf, sizeof buf);
-        if (n > 0) got.append(buf, static_cast<size_t>(n));
-        return got.find(want) != std::string::npos;
-    });
+    const std::string got = read_until(fd, [&](const std::string &s) { return s.find(want) != s.npos; });
     close(fd);
     return got;
 }
@@ -121,10 +115,7 @@ protected:
     // The supervisor's queries go out unanswered; their time-out notices must be over before
     // the process (and the recorder) ends.
     void TearDown() override {
-        EXPECT_TRUE(wait_until([] {
-            return atcmder_empty_queue(&Tx_head, &g_txqueue_mutex) == 1 &&
-                   atcmder_empty_queue(&Timeout_head, &g_timeoutqueue_mutex) == 1;
-        }, 10000));
+        EXPECT_TRUE(wait_until(queues_idle, 10000));
         Recorder::instance().clear();
     }
     void bring_up() {
