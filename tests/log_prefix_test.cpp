@@ -51,8 +51,7 @@ void transmit(int32_t platform, int32_t mode) {
 }  // namespace
 
 TEST(LogPrefixTest, EveryMessageCarriesTheNameOfItsFunction) {
-    Sandbox sb;
-    log_file_init(ATCMD_LOG_DIR, ATCMD_LOG_FILE);
+    Sandbox sb(kWithLog);
     Pty acm;
     acm.link_as(sb, "/dev/ttyACM3");
     Pty &uart = kept_pty();  // the UART receive thread outlives the test

@@ -21,6 +21,7 @@
 
 #include "engine/engine.h"
 #include "hal/hal.h"
+#include "log/atcmd_log.h"
 #include "sim/messages.h"
 
 // Sanitizer settings for every test process.
@@ -112,6 +113,8 @@ Sandbox::Sandbox() {
     mkdir((root_ + "/dev").c_str(), 0755);
     setenv("ATCMD_ROOT", root_.c_str(), 1);
 }
+
+Sandbox::Sandbox(WithLog) : Sandbox() { log_file_init(ATCMD_LOG_DIR, ATCMD_LOG_FILE); }
 
 Sandbox::~Sandbox() {
     if (getenv("ATCMD_KEEP_SANDBOX") == nullptr) {

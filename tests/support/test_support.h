@@ -31,10 +31,14 @@ std::string read_lines(int fd, size_t lines, int timeout_ms = 3000);
 // True when nothing waits on the transmit queue or for an answer.
 bool queues_idle();
 
+// Asks a Sandbox to open the module's log file inside it as well.
+enum WithLog { kWithLog };
+
 // A fresh directory set as ATCMD_ROOT, with dev/ made; removed at destruction.
 class Sandbox {
 public:
     Sandbox();
+    explicit Sandbox(WithLog);
     ~Sandbox();
     Sandbox(const Sandbox &) = delete;
     Sandbox &operator=(const Sandbox &) = delete;
