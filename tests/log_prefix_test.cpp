@@ -28,12 +28,6 @@ AtCmder_t record(uint8_t type, uint8_t flag, uint8_t cmd_id, uint16_t seq, char 
     return AtCmder_t{type, 0, AT_NODE_ACCESSORY, flag, 0, cmd_id, seq, 0, 0, text};
 }
 
-void parse(const char *text) {
-    char line[AT_LINE_BUF_SIZE];
-    AtCmder_t cmd = record(0, 0, 0, 0, line);
-    cmd_Parse_from_buffer(&cmd, text);
-}
-
 void run_parser(uint32_t (*parser)(AtCmder_t *), const char *text, uint16_t seq = 0) {
     char line[AT_LINE_BUF_SIZE];
     snprintf(line, sizeof line, "%s", text);
@@ -66,9 +60,9 @@ TEST(LogPrefixTest, EveryMessageCarriesTheNameOfItsFunction) {
         std::string text;
     };
     const Row rows[] = {
-        {[] { parse("+NOPE=1\r\n"); }, "cmd_Parse_from_buffer", "Cmd  +NOPE is not supported!"},
-        {[] { parse("junk\n"); }, "cmd_Parse_from_buffer", "Cmd is not supported!"},
-        {[] { parse("+VER=1\r\n"); }, "cmd_Parse_from_buffer", "Get one line cmd: idx is 11"},
+        {[] { parse_line("+NOPE=1\r\n"); }, "cmd_Parse_from_buffer", "Cmd  +NOPE is not supported!"},
+        {[] { parse_line("junk\n"); }, "cmd_Parse_from_buffer", "Cmd is not supported!"},
+        {[] { parse_line("+VER=1\r\n"); }, "cmd_Parse_from_buffer", "Get one line cmd: idx is 11"},
         {[&] { getBatinfo_fromCmdString("+BAT", values); }, "getBatinfo_fromCmdString",
          "Batinfo para error, raw data is +BAT! "},
         {[&] { getTmpinfo_fromCmdString("+HRM", values); }, "getTmpinfo_fromCmdString",

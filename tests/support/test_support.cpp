@@ -253,6 +253,14 @@ atcmdprocess_device_t *bare_device(int32_t platform) {
     return &dev;
 }
 
+void parse_line(const char *text, uint8_t source) {
+    char line[AT_LINE_BUF_SIZE];
+    AtCmder_t cmd = {};
+    cmd.source = source;
+    cmd.data = line;
+    cmd_Parse_from_buffer(&cmd, text);
+}
+
 std::vector<QueuedLine> drain_queue(struct atcmder_queue_head *head, pthread_mutex_t *mutex) {
     std::vector<QueuedLine> lines;
     char buf[AT_LINE_BUF_SIZE];

@@ -129,6 +129,9 @@ struct QueuedLine {
     std::string text;
 };
 
+// Runs the line parser on `text` as a receive thread from `source` does; records go to Rx_head.
+void parse_line(const char *text, uint8_t source = AT_NODE_ACCESSORY);
+
 // Takes every record off a queue (Tx_head by default), in order.
 std::vector<QueuedLine> drain_queue(struct atcmder_queue_head *head, pthread_mutex_t *mutex);
 std::vector<QueuedLine> drain_tx_queue();
