@@ -11,12 +11,6 @@ using namespace atcmd_test;
 
 namespace {
 
-// Never destroyed (still reachable): the receive thread outlives the test.
-Pty &accessory_line() {
-    static Pty *const pty = new Pty;
-    return *pty;
-}
-
 Notice last_notice(uint16_t msg_id) {
     Notice found{};
     for (const Notice &n : Recorder::instance().notices()) {
@@ -29,7 +23,7 @@ Notice last_notice(uint16_t msg_id) {
 
 TEST(AccessoryLiveTest, AnswersAndQuestionsTravelTheWholePath) {
     Sandbox sb;
-    Pty &line = accessory_line();
+    Pty &line = kept_pty();  // the receive thread outlives the test
     atcmdprocess_device_t *dev = open_module();
     ASSERT_NE(dev, nullptr);
     dev->system_status.platform = PLATFORM_UART;

@@ -15,19 +15,10 @@
 
 using namespace atcmd_test;
 
-// Never destroyed (yet reachable, so no leak): the receive thread outlives the test and must
-// not see the line die at exit.
-static Pty &kept_open_pty() { static Pty *const pty = new Pty; return *pty; }
-
 static long clock_within(long from_us, long to_us) {  // waits until that far into a second
     struct timeval tv;
     wait_until([&] { return !gettimeofday(&tv, nullptr) && tv.tv_usec >= from_us && tv.tv_usec < to_us; }, 2000);
     return tv.tv_sec * 1000000L + tv.tv_usec;
-}
-
-static bool queues_idle() {
-    return atcmder_empty_queue(&Tx_head, &g_txqueue_mutex) == 1 &&
-           atcmder_empty_queue(&Timeout_head, &g_timeoutqueue_mutex) == 1;
 }
 
 class EngineLiveTest : public ::testing::Test {
@@ -55,7 +46,7 @@ protected:
     }
 
     Sandbox sb;
-    Pty &accessory = kept_open_pty();
+    Pty &accessory = kept_pty();
     atcmdprocess_device_t *dev = nullptr;
 };
 

@@ -18,8 +18,7 @@ static uint32_t usb_pair(const char *line, int32_t *v) {
 }
 
 TEST(ExtractorTest, NumbersTextsStateWordsAndVersionItems) {
-    Sandbox sb;
-    log_file_init(ATCMD_LOG_DIR, ATCMD_LOG_FILE);
+    Sandbox sb(kWithLog);
     const struct { uint32_t (*fn)(const char *, int32_t *); const char *line, *want; } cases[] = {
         {getvalue_fromCmdString, "+SCREEN=12x#5&1\r\n", "0:12,77,77,77,77,77,"},
         {getvalue_fromCmdString, nullptr, "3:77,77,77,77,77,77,"},

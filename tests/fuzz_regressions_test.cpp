@@ -13,13 +13,7 @@ using namespace atcmd_test;
 
 namespace {
 
-void parse(void * /*ctx*/, char *text, size_t /*len*/) {
-    char line[AT_LINE_BUF_SIZE];
-    AtCmder_t cmd = {};
-    cmd.source = AT_NODE_ACCESSORY;
-    cmd.data = line;
-    cmd_Parse_from_buffer(&cmd, text);
-}
+void parse(void * /*ctx*/, char *text, size_t /*len*/) { parse_line(text); }
 
 void receive(struct at_rx_buffer *rx, const std::string &bytes) {
     memcpy(rx->data + rx->fill, bytes.data(), bytes.size());

@@ -37,7 +37,7 @@ std::multiset<std::string> thread_names() {
 
 }  // namespace
 
-TEST(HalOpenTest, DeviceStartsWithItsDefaults) {
+TEST(HalOpenTest, DeviceStartsWithItsDefaultsAndTheEngineThreadsByName) {
     Sandbox sb;
     atcmdprocess_device_t *dev = open_module();
     ASSERT_NE(dev, nullptr);
@@ -52,20 +52,7 @@ TEST(HalOpenTest, DeviceStartsWithItsDefaults) {
     EXPECT_EQ(g_timeout, ATCMD_TIMEOUT_DEFAULT);
     EXPECT_STREQ(HMI.id, "atcmdprocess");
     EXPECT_TRUE(sb.wait_log("g_patcmd_dev->system_status.platform is 1"));
-}
 
-TEST(HalOpenTest, NullOutPointerFailsAndStartsNothing) {
-    Sandbox sb;
-    const size_t before = thread_names().size();
-    EXPECT_EQ(atcmdprocess_open(&HMI, "atcmdprocess", nullptr), -22);
-    EXPECT_EQ(g_patcmd_dev, nullptr);
-    EXPECT_EQ(thread_names().size(), before);
-    EXPECT_NE(sb.log_text().find("NO device on open"), std::string::npos);
-}
-
-TEST(HalOpenTest, StartsTheEngineThreadsByName) {
-    Sandbox sb;
-    ASSERT_NE(open_module(), nullptr);
     // Thread names are cut to 15 characters by the kernel; platform 1 has no UART receiver.
     const std::multiset<std::string> expected = {"sigProcess_thre", "Tx_thread", "dispatch_thread",
                                                  "Timeout_thread", "devEpoll_proces"};
@@ -77,10 +64,18 @@ TEST(HalOpenTest, StartsTheEngineThreadsByName) {
     EXPECT_EQ(g_uartRx_thread, 0u);
 }
 
+TEST(HalOpenTest, NullOutPointerFailsAndStartsNothing) {
+    Sandbox sb;
+    const size_t before = thread_names().size();
+    EXPECT_EQ(atcmdprocess_open(&HMI, "atcmdprocess", nullptr), -22);
+    EXPECT_EQ(g_patcmd_dev, nullptr);
+    EXPECT_EQ(thread_names().size(), before);
+    EXPECT_NE(sb.log_text().find("NO device on open"), std::string::npos);
+}
+
 // A whole record is queued byte for byte; a NULL, over-long or empty one is logged and dropped.
 TEST(HalCommandTest, CommandsFromUpperLayerAreQueuedOrDropped) {
-    Sandbox sb;
-    log_file_init(ATCMD_LOG_DIR, ATCMD_LOG_FILE);
+    Sandbox sb(kWithLog);
     bare_device();
     EXPECT_EQ(atcmdprocess_cmd_from_hidl(nullptr), -22);
     std::string too_long(AT_LINE_BUF_SIZE + 40, 'A'), empty, line = "AT+VER?#11&1\r\n";
@@ -101,8 +96,7 @@ TEST(HalCommandTest, CommandsFromUpperLayerAreQueuedOrDropped) {
 }
 
 TEST(HalCallbackTest, MessagesWithoutCallbackAreDroppedNotCalled) {
-    Sandbox sb;
-    log_file_init(ATCMD_LOG_DIR, ATCMD_LOG_FILE);
+    Sandbox sb(kWithLog);
     bare_device()->notify_callback = nullptr;
     notify_usbevent();  // must not jump through a null callback
     EXPECT_NE(sb.log_text().find("no notify callback installed, message 16 dropped"),

@@ -16,16 +16,8 @@ static std::string rec(int type, int cmd_id, int seq_num, int flag, const std::s
            "&" + std::to_string(flag) + " " + text;
 }
 
-static void feed(const std::string &text, uint8_t source = AT_NODE_ACCESSORY) {
-    char line[AT_LINE_BUF_SIZE];
-    AtCmder_t cmd = {};
-    cmd.source = source;
-    cmd.data = line;
-    cmd_Parse_from_buffer(&cmd, text.c_str());
-}
-
 static std::vector<std::string> parse(const std::string &text) {
-    feed(text);
+    parse_line(text.c_str());
     std::vector<std::string> got;
     for (const QueuedLine &q : drain_queue(&Rx_head, &g_rxqueue_mutex))
         got.push_back(rec(q.cmd.type, q.cmd.cmd_id, q.cmd.seq_num, q.cmd.flag, q.text));
@@ -86,7 +78,7 @@ TEST_F(LineParser, ConcurrentCallersKeepTheirOwnState) {
     std::vector<std::thread> threads;
     for (int t = 0; t < 4; ++t)
         threads.emplace_back([t] {
-            for (int i = 0; i < 200; ++i) feed("+OK#" + std::to_string(t * 1000 + i) + "&1\r\n", t);
+            for (int i = 0; i < 200; ++i) parse_line(("+OK#" + std::to_string(t * 1000 + i) + "&1\r\n").c_str(), t);
         });
     for (std::thread &th : threads) th.join();
     const auto got = drain_queue(&Rx_head, &g_rxqueue_mutex);

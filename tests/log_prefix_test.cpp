@@ -20,24 +20,12 @@ using namespace atcmd_test;
 
 namespace {
 
-// Never destroyed: the UART receive thread outlives the test and must not see its line die.
-Pty &kept_open_uart() {
-    static Pty *const pty = new Pty;
-    return *pty;
-}
-
 std::string escaped(const std::string &text) {
     return std::regex_replace(text, std::regex(R"([.^$|()\[\]{}*+?\\])"), R"(\$&)");
 }
 
 AtCmder_t record(uint8_t type, uint8_t flag, uint8_t cmd_id, uint16_t seq, char *text) {
     return AtCmder_t{type, 0, AT_NODE_ACCESSORY, flag, 0, cmd_id, seq, 0, 0, text};
-}
-
-void parse(const char *text) {
-    char line[AT_LINE_BUF_SIZE];
-    AtCmder_t cmd = record(0, 0, 0, 0, line);
-    cmd_Parse_from_buffer(&cmd, text);
 }
 
 void run_parser(uint32_t (*parser)(AtCmder_t *), const char *text, uint16_t seq = 0) {
@@ -57,11 +45,11 @@ void transmit(int32_t platform, int32_t mode) {
 }  // namespace
 
 TEST(LogPrefixTest, EveryMessageCarriesTheNameOfItsFunction) {
-    Sandbox sb;
-    log_file_init(ATCMD_LOG_DIR, ATCMD_LOG_FILE);
+    Sandbox sb(kWithLog);
     Pty acm;
     acm.link_as(sb, "/dev/ttyACM3");
-    kept_open_uart().link_as(sb, "/dev/ttyS4");
+    Pty &uart = kept_pty();  // the UART receive thread outlives the test
+    uart.link_as(sb, "/dev/ttyS4");
     int32_t values[6];
     usbdev_sts_t sts;
     int32_t fd = -1;
@@ -72,9 +60,9 @@ TEST(LogPrefixTest, EveryMessageCarriesTheNameOfItsFunction) {
         std::string text;
     };
     const Row rows[] = {
-        {[] { parse("+NOPE=1\r\n"); }, "cmd_Parse_from_buffer", "Cmd  +NOPE is not supported!"},
-        {[] { parse("junk\n"); }, "cmd_Parse_from_buffer", "Cmd is not supported!"},
-        {[] { parse("+VER=1\r\n"); }, "cmd_Parse_from_buffer", "Get one line cmd: idx is 11"},
+        {[] { parse_line("+NOPE=1\r\n"); }, "cmd_Parse_from_buffer", "Cmd  +NOPE is not supported!"},
+        {[] { parse_line("junk\n"); }, "cmd_Parse_from_buffer", "Cmd is not supported!"},
+        {[] { parse_line("+VER=1\r\n"); }, "cmd_Parse_from_buffer", "Get one line cmd: idx is 11"},
         {[&] { getBatinfo_fromCmdString("+BAT", values); }, "getBatinfo_fromCmdString",
          "Batinfo para error, raw data is +BAT! "},
         {[&] { getTmpinfo_fromCmdString("+HRM", values); }, "getTmpinfo_fromCmdString",
@@ -131,11 +119,11 @@ TEST(LogPrefixTest, EveryMessageCarriesTheNameOfItsFunction) {
                  const std::string log = sb.log_text();
                  return log.find("Init uart") != log.rfind("Init uart");
              });
-             kept_open_uart().write("+OK\r\n");
+             uart.write("+OK\r\n");
          },
          "atcmder_uartRx_thread",
          "Uart rcv data length is 5, receive data is +OK"},
-        {[] { kept_open_uart().write(std::string(600, 'x')); }, "atcmder_uartRx_thread",
+        {[&] { uart.write(std::string(600, 'x')); }, "atcmder_uartRx_thread",
          "Uart receive data length is too long, skip it"},
     };
     for (const Row &row : rows) {

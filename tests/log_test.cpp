@@ -12,8 +12,7 @@
 using namespace atcmd_test;
 
 TEST(LogTest, FileLinesCarryThePrefixAndRunOnWithoutAddedNewline) {
-    Sandbox sb;
-    log_file_init(ATCMD_LOG_DIR, ATCMD_LOG_FILE);
+    Sandbox sb(kWithLog);
     ASSERT_NE(fd_logfile, nullptr);
     ATCMD_LOG(4, "first %d", 1);
     ATCMD_LOG_AS("named_entry", "ATCMD_TEST", 4, "second\n");
@@ -29,8 +28,7 @@ TEST(LogTest, FileLinesCarryThePrefixAndRunOnWithoutAddedNewline) {
 }
 
 TEST(LogTest, ThresholdAgainstLevelAndOneEvaluationPerSink) {
-    Sandbox sb;
-    log_file_init(ATCMD_LOG_DIR, ATCMD_LOG_FILE);
+    Sandbox sb(kWithLog);
     struct Case {
         int32_t level;
         int threshold;

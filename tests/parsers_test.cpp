@@ -22,8 +22,6 @@ struct Row {
 
 class ParsersTest : public ::testing::Test {
 protected:
-    void SetUp() override { log_file_init(ATCMD_LOG_DIR, ATCMD_LOG_FILE); }
-
     // Dispatches `line` as the line parser would make it ("+BT=1" is row "+BT") and gives back its
     // notices ("msg_id#seq=values", "-" for no data), "|", its queued lines and "@dest" if set.
     std::string run(const std::string &line, uint8_t source = AT_NODE_ACCESSORY) {
@@ -53,7 +51,7 @@ protected:
         return cmd.dest != 0 ? out + " @" + std::to_string(cmd.dest) : out;
     }
 
-    Sandbox sb;
+    Sandbox sb{kWithLog};
     std::string log;  // what the last run logged
 };
 

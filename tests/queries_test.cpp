@@ -9,8 +9,7 @@
 using namespace atcmd_test;
 
 TEST(QueryTest, EachQueryQueuesItsLineAndRecordAndInfoAsksInOrder) {
-    Sandbox sb;
-    log_file_init(ATCMD_LOG_DIR, ATCMD_LOG_FILE);
+    Sandbox sb(kWithLog);
     const struct { void (*fn)(); int row; std::string keyword; } queries[] = {
         {get_corvel_BATINFO, 9, "BAT"}, {get_remote_bt_mac, 8, "BLEMAC"}, {get_corvel_sn, 13, "SN"},
         {get_corvel_state, 10, "STATE"}, {[] { get_corvel_ver(); }, 11, "VER"},

@@ -20,9 +20,8 @@ static int open_slave(const Pty &p) { return open(p.slave_path().c_str(), O_RDWR
 
 class Serial : public ::testing::Test {
 protected:
-    void SetUp() override { log_file_init(ATCMD_LOG_DIR, ATCMD_LOG_FILE); }
     bool logged(const std::string &text) const { return sb.log_text().find(text) != text.npos; }
-    Sandbox sb;
+    Sandbox sb{kWithLog};
 };
 using SerialDeathTest = Serial;
 

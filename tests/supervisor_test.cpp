@@ -87,8 +87,7 @@ TEST(LoadGeneratorTest, QueuesNumberedTestLinesForTheSerialLine) {
 }
 
 TEST(LoadGeneratorTest, RunsButQueuesNothingOnTheUsbPlatform) {
-    Sandbox sb;
-    log_file_init(ATCMD_LOG_DIR, ATCMD_LOG_FILE);
+    Sandbox sb(kWithLog);
     bare_device(PLATFORM_VUART);
     ASSERT_EQ(pthread_create(&g_TestTx_thread, nullptr, atcmder_TestTx_thread, nullptr), 0);
     ASSERT_TRUE(sb.wait_log("atcmder_TestTx_thread is running!", kLongWait));

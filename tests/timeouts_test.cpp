@@ -11,8 +11,8 @@
 using namespace atcmd_test;
 
 struct TimeoutTest : ::testing::Test {
-    void SetUp() override { log_file_init(ATCMD_LOG_DIR, ATCMD_LOG_FILE); bare_device(PLATFORM_VUART); }
-    Sandbox sb;
+    void SetUp() override { bare_device(PLATFORM_VUART); }
+    Sandbox sb{kWithLog};
 };
 
 static void watch(const char *text, uint16_t seq, int32_t sec, int32_t usec) {

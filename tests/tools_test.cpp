@@ -10,6 +10,7 @@
 #include <termios.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <mutex>
 #include <string>
@@ -30,40 +31,16 @@ using Clock = std::chrono::steady_clock;
 // The module's side of a simulated port: the slave behind dev/ttyACMn, raw as the module sets it.
 struct PhoneSide {
     int fd = -1;
-    explicit PhoneSide(const std::string &path) {
-        fd = open(path.c_str(), O_RDWR | O_NOCTTY | O_CLOEXEC);
+    explicit PhoneSide(const std::string &path) : fd(open(path.c_str(), O_RDWR | O_NOCTTY | O_CLOEXEC)) {
         struct termios tio;
-        if (fd >= 0 && tcgetattr(fd, &tio) == 0) {
-            cfmakeraw(&tio);
-            tcsetattr(fd, TCSANOW, &tio);
-        }
+        if (fd >= 0 && tcgetattr(fd, &tio) == 0) cfmakeraw(&tio), tcsetattr(fd, TCSANOW, &tio);
     }
     ~PhoneSide() {
         if (fd >= 0) close(fd);
     }
     void send(const std::string &line) const { ASSERT_EQ(write(fd, line.data(), line.size()), (ssize_t)line.size()); }
-    // Reads until `lines` CR LF endings arrived or the deadline passed.
-    std::string read_lines(size_t lines, int timeout_ms = 3000) const { return read_from(fd, lines, timeout_ms); }
-
-    static std::string read_from(int fd, size_t lines, int timeout_ms) {
-        std::string got;
-        const auto deadline = Clock::now() + std::chrono::milliseconds(timeout_ms);
-        auto count = [&] {
-            size_t n = 0;
-            for (size_t at = got.find("\r\n"); at != std::string::npos; at = got.find("\r\n", at + 2)) ++n;
-            return n;
-        };
-        while (count() < lines) {
-            const int left = static_cast<int>(
-                std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count());
-            struct pollfd pfd = {fd, POLLIN, 0};
-            if (left <= 0 || poll(&pfd, 1, left) <= 0) break;
-            char buf[512];
-            const ssize_t n = read(fd, buf, sizeof buf);
-            if (n <= 0) break;
-            got.append(buf, static_cast<size_t>(n));
-        }
-        return got;
+    std::string read_lines(size_t lines, int timeout_ms = 3000) const {
+        return atcmd_test::read_lines(fd, lines, timeout_ms);
     }
 };
 
@@ -82,6 +59,7 @@ TEST(AccessorySimTest, PlugMakesTheUeventThenTheLinkAndAnswersFromItsIdentity) {
               std::string::npos);
     PhoneSide phone(f.sb.path("/dev/ttyACM3"));
     ASSERT_GE(phone.fd, 0);
+    EXPECT_FALSE(acc_sim_report(f.acc, "bat"));  // refused, unnumbered, until the phone's first line
     struct Case {
         const char *query;
         const char *answer;
@@ -99,6 +77,8 @@ TEST(AccessorySimTest, PlugMakesTheUeventThenTheLinkAndAnswersFromItsIdentity) {
         phone.send(c.query);
         EXPECT_EQ(phone.read_lines(1), c.answer) << c.query;
     }
+    ASSERT_TRUE(acc_sim_report(f.acc, "bat"));  // the first report that leaves is number 1
+    EXPECT_EQ(phone.read_lines(1), "+BATCG=99,1,4120,250,1,1\r\n");
     // The phone's own lines (not queries) are only recorded.
     phone.send("AT+BTMAC=11:22:33:44:55:66#7&1\r\n");
     EXPECT_TRUE(acc_sim_wait_received(f.acc, "AT+BTMAC=11:22", 3000));
@@ -155,24 +135,6 @@ TEST(AccessorySimTest, UnplugRemovesThePortAndTheModuleSideSeesItGo) {
     EXPECT_EQ(lstat(f.sb.path("/dev/ttyACM3").c_str(), &st), 0);
 }
 
-TEST(AccessorySimTest, ReportBurstLeavesInOrder) {
-    SimFixture f;
-    ASSERT_EQ(acc_sim_plug(f.acc, 3), 0);
-    PhoneSide phone(f.sb.path("/dev/ttyACM3"));
-    EXPECT_FALSE(acc_sim_report(f.acc, "bat"));  // the module has not opened the port yet
-    phone.send("AT+TYPE?#15&1\r\n");
-    phone.read_lines(1);
-    constexpr int kBurst = 40;
-    for (int i = 0; i < kBurst; ++i) ASSERT_TRUE(acc_sim_report(f.acc, "bat"));
-    const std::string got = phone.read_lines(kBurst);
-    size_t at = 0;
-    for (int i = 1; i <= kBurst; ++i) {
-        const std::string line = "+BATCG=" + std::to_string(100 - i) + ",1,4120,250,1," + std::to_string(i) + "\r\n";
-        ASSERT_EQ(got.compare(at, line.size(), line), 0) << "report " << i << " in " << got;
-        at += line.size();
-    }
-}
-
 namespace {
 
 struct DaemonReports {
@@ -183,14 +145,11 @@ struct DaemonReports {
         std::lock_guard<std::mutex> lock(self->mu);
         self->statuses.push_back(status);
     }
-    bool wait_for(const std::string &status, int timeout_ms = 3000) {
+    bool wait_for(const std::string &status) {
         return wait_until([&] {
             std::lock_guard<std::mutex> lock(mu);
-            for (const std::string &s : statuses) {
-                if (s == status) return true;
-            }
-            return false;
-        }, timeout_ms);
+            return std::find(statuses.begin(), statuses.end(), status) != statuses.end();
+        });
     }
 };
 
@@ -209,9 +168,9 @@ TEST(DaemonSimTest, StartMakesFifosReportsRunningHeartbeatsAndCarriesLines) {
     ASSERT_GE(tx, 0);
     ASSERT_GE(rx, 0);
     ASSERT_EQ(write(tx, "AT+SID?#14&1\r\n", 14), 14);
-    EXPECT_EQ(PhoneSide::read_from(rx, 1, 3000), "+SID=SID7A1D5101#14&1\r\n");
-    EXPECT_TRUE(reports.wait_for("heartbeat:1", 3000));
-    EXPECT_TRUE(reports.wait_for("heartbeat:2", 3000));
+    EXPECT_EQ(read_lines(rx, 1), "+SID=SID7A1D5101#14&1\r\n");
+    EXPECT_TRUE(reports.wait_for("heartbeat:1"));
+    EXPECT_TRUE(reports.wait_for("heartbeat:2"));
     close(tx);
     close(rx);
     daemon_sim_destroy(d);
@@ -231,7 +190,7 @@ TEST(DaemonSimTest, ExitOnTheCommandFifoStopsItUntilTheNextStart) {
     EXPECT_FALSE(daemon_sim_running(d));
     f.sb.set_property("vendor.hid_cmd", "start_server");
     EXPECT_TRUE(wait_until([&] { return daemon_sim_counters(d).starts == 2; }));
-    EXPECT_TRUE(reports.wait_for("heartbeat:1", 3000));  // a restarted daemon beats again
+    EXPECT_TRUE(reports.wait_for("heartbeat:1"));  // a restarted daemon beats again
     f.sb.set_property("vendor.hid_cmd", "stop_server");
     EXPECT_TRUE(wait_until([&] { return !daemon_sim_running(d); }));
     EXPECT_EQ(daemon_sim_counters(d).exits, 1);
@@ -273,32 +232,35 @@ TEST(MessagesTest, DecodesEachKindOfValue) {
 
 namespace {
 
-std::string run_console(const std::string &args, const std::string &script, int *status) {
+// Runs `command` in a shell and gives back what it printed on either stream, checking how it ended.
+std::string run(const std::string &command, int exit_code) {
+    std::string out;
+    FILE *p = popen((command + " 2>&1").c_str(), "r");
+    char buf[4096];
+    for (size_t n; p != nullptr && (n = fread(buf, 1, sizeof buf, p)) > 0;) out.append(buf, n);
+    const int status = p != nullptr ? pclose(p) : -1;
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == exit_code) << command << "\n" << out;
+    return out;
+}
+
+std::string run_console(const std::string &args, const std::string &script, int exit_code = 0) {
     const std::string script_path = std::string(getenv("ATCMD_ROOT")) + "/script.atcmd";
     write_file(script_path, script);
     // The console is a process of its own: hand it the test processes' sanitizer settings.
     setenv("TSAN_OPTIONS", "report_signal_unsafe=0 suppressions=" ATCMD_TSAN_SUPPRESSIONS, 1);
-    const std::string cmd = "'" ATCMD_BIN_DIR "/atcmd_console' --module '" ATCMD_MODULE_PATH "' " + args +
-                            " '" + script_path + "' 2>&1";
-    std::string out;
-    FILE *p = popen(cmd.c_str(), "r");
-    char buf[4096];
-    for (size_t n; p != nullptr && (n = fread(buf, 1, sizeof buf, p)) > 0;) out.append(buf, n);
-    *status = p != nullptr ? pclose(p) : -1;
-    return out;
+    return run("'" ATCMD_BIN_DIR "/atcmd_console' --module '" ATCMD_MODULE_PATH "' " + args + " '" +
+                   script_path + "'", exit_code);
 }
 
-// The console's JSON lines, searched in order: each step must come after the one before.
-struct Transcript {
-    std::string text;
+// Each step must be found in the console's output after the one before it.
+void expect_in_order(const std::string &out, const std::vector<std::string> &steps) {
     size_t at = 0;
-    bool next(const std::string &what) {
-        const size_t found = text.find(what, at);
-        if (found == std::string::npos) return false;
-        at = found + what.size();
-        return true;
+    for (const std::string &step : steps) {
+        const size_t found = out.find(step, at);
+        ASSERT_NE(found, std::string::npos) << "missing or out of order: " << step << "\n" << out;
+        at = found + step.size();
     }
-};
+}
 
 std::string message(const char *name, int seq, const std::string &value) {
     return std::string("\"name\":\"") + name + "\",\"seq_num\":" + std::to_string(seq) + ",\"value\":" + value;
@@ -316,47 +278,36 @@ constexpr const char kPlugged[] =
 
 TEST(ConsoleEndToEndTest, UsbStorylinePlugIdentityReportTimeoutQuestionsUnplug) {
     Sandbox sb;
-    int status = -1;
     const std::string out = run_console("--sim --json",
                                         std::string(kPlugged) +
                                             "acc report bat\nwait BATCG 3000\n"
                                             "acc silent +SN\nquery sn\nwait ERROR=-110 3000\n"
                                             "acc ask state\nwait-acc +STATE=IDLE 3000\n"
                                             "acc ask mac\nwait-acc AT+BTMAC= 3000\n"
-                                            "acc unplug\nwait USBSTATE=0,-1 5000\n",
-                                        &status);
-    ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << out;
-    Transcript t{out};
-    EXPECT_TRUE(t.next(acc_line("<-", "AT+TYPE?#15&1"))) << out;
-    EXPECT_TRUE(t.next(message("TYPE", 15, "\"KV4410C\""))) << out;
-    EXPECT_TRUE(t.next(message("VER", 11, "[\"1.2.0\",\"0.9\",\"B2\",\"3.1.7\""))) << out;
-    EXPECT_TRUE(t.next(message("BATCG", 0, "[99,1,4120,250,1,1]"))) << out;
-    for (int sent = 0; sent < 3; ++sent) EXPECT_TRUE(t.next(acc_line("<-", "AT+SN?#100&1"))) << sent;
-    EXPECT_TRUE(t.next(message("ERROR", 100, "[-110]"))) << out;
-    EXPECT_TRUE(t.next(acc_line("<-", "+STATE=IDLE"))) << out;
-    EXPECT_TRUE(t.next(acc_line("<-", "AT+BTMAC=11:22:33:44:55:66#7&1"))) << out;
-    EXPECT_TRUE(t.next(message("USBSTATE", 0, "[0,-1]"))) << out;
+                                            "acc unplug\nwait USBSTATE=0,-1 5000\n");
+    const std::string sent_sn = acc_line("<-", "AT+SN?#100&1");  // sent, then resent twice
+    expect_in_order(out, {acc_line("<-", "AT+TYPE?#15&1"), message("TYPE", 15, "\"KV4410C\""),
+                          message("VER", 11, "[\"1.2.0\",\"0.9\",\"B2\",\"3.1.7\""),
+                          message("BATCG", 0, "[99,1,4120,250,1,1]"), sent_sn, sent_sn, sent_sn,
+                          message("ERROR", 100, "[-110]"), acc_line("<-", "+STATE=IDLE"),
+                          acc_line("<-", "AT+BTMAC=11:22:33:44:55:66#7&1"), message("USBSTATE", 0, "[0,-1]")});
 }
 
 TEST(ConsoleEndToEndTest, BurstOfReportsReachesTheCallbackInOrder) {
     Sandbox sb;
-    int status = -1;
     constexpr int kBurst = 60;
     const std::string out = run_console(
         "--sim --json", std::string(kPlugged) + "acc report hall " + std::to_string(kBurst) +
-                            "\nwait HALLCG=0,0," + std::to_string(kBurst) + " 8000\n",
-        &status);
-    ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << out;
-    Transcript t{out};
+                            "\nwait HALLCG=0,0," + std::to_string(kBurst) + " 8000\n");
+    std::vector<std::string> reports;
     for (int n = 1; n <= kBurst; ++n) {
-        ASSERT_TRUE(t.next(message("HALLCG", 0, "[" + std::to_string(n % 2) + ",0," + std::to_string(n) + "]")))
-            << "report " << n << " missing or out of order";
+        reports.push_back(message("HALLCG", 0, "[" + std::to_string(n % 2) + ",0," + std::to_string(n) + "]"));
     }
+    expect_in_order(out, reports);
 }
 
 TEST(ConsoleEndToEndTest, FaultsProduceTheModulesReactions) {
     Sandbox sb;
-    int status = -1;
     const std::string out = run_console(
         "--sim --json",
         std::string(kPlugged) +
@@ -364,22 +315,15 @@ TEST(ConsoleEndToEndTest, FaultsProduceTheModulesReactions) {
             "acc garbage 40\nquery sn\nwait SN 3000\n"                               // seq 101: still parsed
             "acc overlong 600\nquery sid\nwait SID 3000\n"                           // seq 102: after the drop
             "acc delay 150\nquery screen\nwait-acc AT+SCREEN?#103&1 3000\nsleep 600\nacc delay 0\n"
-            "acc unplug-at 0 300\nwait USBSTATE=0,-1 5000\nwait USBSTATE 5000\nwait VER 5000\n",
-        &status);
-    ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << out;
-    Transcript t{out};
-    EXPECT_TRUE(t.next(message("TYPE", 100, "\"KV4410C\""))) << out;
-    EXPECT_TRUE(t.next(message("SN", 101, "\"SN20260001\""))) << out;
-    EXPECT_TRUE(t.next(message("SID", 102, "\"SID7A1D5101\""))) << out;
+            "acc unplug-at 0 300\nwait USBSTATE=0,-1 5000\nwait USBSTATE 5000\nwait VER 5000\n");
     // An answer later than the module's time-out: resent, then answered, never reported lost.
-    EXPECT_TRUE(t.next(acc_line("<-", "AT+SCREEN?#103&1"))) << out;
-    EXPECT_TRUE(t.next(acc_line("<-", "AT+SCREEN?#103&1"))) << out;
-    EXPECT_TRUE(t.next(message("SCREEN", 103, "[1]"))) << out;
+    // Then pulled and plugged back: the module sees both and asks again.
+    expect_in_order(out, {message("TYPE", 100, "\"KV4410C\""), message("SN", 101, "\"SN20260001\""),
+                          message("SID", 102, "\"SID7A1D5101\""), acc_line("<-", "AT+SCREEN?#103&1"),
+                          acc_line("<-", "AT+SCREEN?#103&1"), message("SCREEN", 103, "[1]"),
+                          message("USBSTATE", 0, "[0,-1]"), acc_line("<-", "AT+TYPE?#15&1"),
+                          message("VER", 11, "[")});
     EXPECT_EQ(out.find(message("ERROR", 103, "[-110]")), std::string::npos) << out;
-    // Pulled and plugged back: the module sees both and asks again.
-    EXPECT_TRUE(t.next(message("USBSTATE", 0, "[0,-1]"))) << out;
-    EXPECT_TRUE(t.next(acc_line("<-", "AT+TYPE?#15&1"))) << out;
-    EXPECT_TRUE(t.next(message("VER", 11, "["))) << out;
     const std::string log = sb.log_text();
     EXPECT_NE(log.find("is not supported"), std::string::npos);  // the garbage line, rejected
     EXPECT_NE(log.find("too long"), std::string::npos);          // the over-long line, dropped
@@ -387,53 +331,25 @@ TEST(ConsoleEndToEndTest, FaultsProduceTheModulesReactions) {
 
 TEST(ConsoleTest, ScriptInJsonLinesReportsTheUnansweredQueryAndFailsOnABadCommand) {
     Sandbox sb;
-    int status = -1;
-    const std::string out = run_console("--json", "# a comment\nquery ver\nwait ERROR=-110 5000\nnosuch\n", &status);
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 1) << out;
+    const std::string out = run_console("--json", "# a comment\nquery ver\nwait ERROR=-110 5000\nnosuch\n", 1);
     EXPECT_NE(out.find("{\"event\":\"message\",\"msg_id\":24,\"name\":\"ERROR\",\"seq_num\":100,\"value\":[-110]}"),
               std::string::npos) << out;
     EXPECT_NE(out.find("{\"event\":\"result\",\"command\":\"nosuch\",\"ok\":false"), std::string::npos) << out;
     EXPECT_EQ(out.find("[tid:"), std::string::npos) << "module prints leaked into the console output";
 }
 
-TEST(ConsoleTest, CommandLineDrivesTheDeviceOperationsAndPropertyStore) {
-    Sandbox sb;
-    int status = -1;
-    const std::string out = run_console(
-        "--log-level 3 -c 'setprop persist.vendor.corvel.factory.wt P; getprop persist.vendor.corvel.factory.wt; "
-        "status; send AT+SN?#7&1; devinfo; loglevel'",
-        "", &status);
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << out;
-    EXPECT_NE(out.find("persist.vendor.corvel.factory.wt=P"), std::string::npos) << out;
-    EXPECT_NE(out.find("platform 1 mode -1"), std::string::npos) << out;
-    EXPECT_NE(out.find("sent AT+SN?#7&1 (type 3, cmd_id 13, seq 7)"), std::string::npos) << out;
-    EXPECT_NE(out.find("model 0"), std::string::npos) << out;
-    EXPECT_NE(out.find("log_level 3"), std::string::npos) << out;
-}
-
 TEST(ConsoleEndToEndTest, WifiComesUpThroughTheDaemonRestartsOnErrorAndGoesDown) {
     Sandbox sb;
-    int status = -1;
     const std::string out = run_console("--sim --json",
                                         "wifi-init 192.168.43.1\nwait WIFICON=1 5000\n"
                                         "acc report temp 1 wifi\nwait HRM 3000\n"
                                         "dsim error\nwait WIFICON=0 3000\nwait WIFICON=1 8000\n"
-                                        "wifi-down\nwait WIFICON=0 5000\n",
-                                        &status);
-    ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << out;
-    Transcript t{out};
-    EXPECT_TRUE(t.next("started (start_server)")) << out;
-    EXPECT_TRUE(t.next("report \\\"running\\\"")) << out;
-    EXPECT_TRUE(t.next(message("WIFICON", 0, "[1]"))) << out;
-    EXPECT_TRUE(t.next("\"link\":\"wifi\",\"dir\":\"->\",\"text\":\"+HRM=36,41\"")) << out;
-    EXPECT_TRUE(t.next(message("HRM", 0, "[36,41]"))) << out;
+                                        "wifi-down\nwait WIFICON=0 5000\n");
     // "error": the module tells the upper layer, stops the daemon in order and starts it again.
-    EXPECT_TRUE(t.next(message("WIFICON", 0, "[0]"))) << out;
-    EXPECT_TRUE(t.next("exit requested on fifo_cmd")) << out;
-    EXPECT_TRUE(t.next("started (start_server)")) << out;
-    EXPECT_TRUE(t.next(message("WIFICON", 0, "[1]"))) << out;
-    EXPECT_TRUE(t.next("exit requested on fifo_cmd")) << out;
-    EXPECT_TRUE(t.next(message("WIFICON", 0, "[0]"))) << out;
+    expect_in_order(out, {"started (start_server)", "report \\\"running\\\"", message("WIFICON", 0, "[1]"),
+                          "\"link\":\"wifi\",\"dir\":\"->\",\"text\":\"+HRM=36,41\"", message("HRM", 0, "[36,41]"),
+                          message("WIFICON", 0, "[0]"), "exit requested on fifo_cmd", "started (start_server)",
+                          message("WIFICON", 0, "[1]"), "exit requested on fifo_cmd", message("WIFICON", 0, "[0]")});
     EXPECT_EQ(sb.property("vendor.hid_sts"), "exit");
     EXPECT_EQ(sb.property("vendor.corvel.timesync"), "disable");
 }
@@ -441,54 +357,40 @@ TEST(ConsoleEndToEndTest, WifiComesUpThroughTheDaemonRestartsOnErrorAndGoesDown)
 // The README's main job: the whole demonstration, heartbeat loss included, every step met.
 TEST(ConsoleEndToEndTest, DemonstrationScriptRunsEveryStep) {
     Sandbox sb;
-    int status = -1;
     const std::string script = read_file(ATCMD_TEST_DIR "/../tools/demo/demo.atcmd");
     ASSERT_FALSE(script.empty());
-    const std::string out = run_console("--sim", script, &status);
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << out;
+    const std::string out = run_console("--sim", script);
     EXPECT_EQ(out.find("error:"), std::string::npos) << out;
-    Transcript t{out};
-    for (const char *step : {"TYPE (msg_id 15) seq 15: \"KV4410C\"", "BATCG (msg_id 26)",
-                             "ERROR (msg_id 24) seq 100: -110", "<- +STATE=IDLE", "WIFICON (msg_id 18) seq 0: 1",
-                             "report \"heartbeat:2\"", "exit requested on fifo_cmd", "WIFICON (msg_id 18) seq 0: 1",
-                             "WIFICON (msg_id 18) seq 0: 0", "USBSTATE (msg_id 16) seq 0: connected 0 status -1",
-                             "summary: resends 2, time-outs 1"}) {
-        EXPECT_TRUE(t.next(step)) << step << "\n" << out;
-    }
+    expect_in_order(out, {"TYPE (msg_id 15) seq 15: \"KV4410C\"", "BATCG (msg_id 26)",
+                          "ERROR (msg_id 24) seq 100: -110", "<- +STATE=IDLE", "WIFICON (msg_id 18) seq 0: 1",
+                          "report \"heartbeat:2\"", "exit requested on fifo_cmd", "WIFICON (msg_id 18) seq 0: 1",
+                          "WIFICON (msg_id 18) seq 0: 0", "USBSTATE (msg_id 16) seq 0: connected 0 status -1",
+                          "summary: resends 2, time-outs 1"});
 }
 
-TEST(ConsoleTest, SendFillsTheRecordFromTheLineAsTheUpperLayerWould) {
+// The console's own commands, and the record "send" fills from a line as the upper layer would.
+TEST(ConsoleTest, CommandLineDrivesTheDeviceOperationsPropertyStoreAndRecords) {
     Sandbox sb;
-    struct Case {
-        const char *line;
-        const char *record;
-    };
-    const Case cases[] = {
-        {"AT+VER?#11&1", "(type 3, cmd_id 11, seq 11)"},
-        {"AT+WIFICON=1#18&2", "(type 2, cmd_id 18, seq 18)"},
-        {"AT+RESET", "(type 1, cmd_id 5, seq 0)"},
-        {"+STATE=IDLE", "(type 4, cmd_id 10, seq 0)"},
-        {"AT+NOSUCH?#3&1", "(type 3, cmd_id 0, seq 3); its keyword is not in the table"},
+    const std::pair<const char *, const char *> cases[] = {
+        {"setprop persist.vendor.corvel.factory.wt P", ""},
+        {"getprop persist.vendor.corvel.factory.wt", "persist.vendor.corvel.factory.wt=P"},
+        {"status", "platform 1 mode -1"}, {"devinfo", "model 0"}, {"loglevel", "log_level 3"},
+        {"send AT+VER?#11&1", "sent AT+VER?#11&1 (type 3, cmd_id 11, seq 11)"},
+        {"send AT+WIFICON=1#18&2", "sent AT+WIFICON=1#18&2 (type 2, cmd_id 18, seq 18)"},
+        {"send AT+RESET", "sent AT+RESET (type 1, cmd_id 5, seq 0)"},
+        {"send +STATE=IDLE", "sent +STATE=IDLE (type 4, cmd_id 10, seq 0)"},
+        {"send AT+NOSUCH?#3&1", "sent AT+NOSUCH?#3&1 (type 3, cmd_id 0, seq 3); its keyword is not in the table"},
     };
     std::string commands;
-    for (const Case &c : cases) commands += std::string(commands.empty() ? "" : "; ") + "send " + c.line;
-    int status = -1;
-    const std::string out = run_console("-c '" + commands + "'", "", &status);
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << out;
-    for (const Case &c : cases) {
-        EXPECT_NE(out.find(std::string("sent ") + c.line + " " + c.record), std::string::npos) << c.line << "\n" << out;
-    }
+    for (const auto &c : cases) commands += std::string(commands.empty() ? "" : "; ") + c.first;
+    const std::string out = run_console("--log-level 3 -c '" + commands + "'", "");
+    for (const auto &c : cases) EXPECT_NE(out.find(c.second), std::string::npos) << c.first << "\n" << out;
 }
 
 TEST(ToolsCliTest, HelpRunsAndBadSetUpIsRefusedWithAReason) {
     Sandbox sb;
-    struct Case {
-        std::string command;
-        int status;
-        const char *says;
-    };
     const std::string bin = "'" ATCMD_BIN_DIR "/";
-    const Case cases[] = {
+    const std::tuple<std::string, int, const char *> cases[] = {
         {bin + "atcmd_console' --help", 0, "usage: atcmd_console"},
         {bin + "atcmd_accessory_sim' --help", 0, "ask state|mac|ver|wt"},
         {bin + "atcmd_daemon_sim' --help", 0, "vendor.hid_cmd"},
@@ -497,14 +399,7 @@ TEST(ToolsCliTest, HelpRunsAndBadSetUpIsRefusedWithAReason) {
         {"env -u ATCMD_ROOT " + bin + "atcmd_accessory_sim' </dev/null", 2, "ATCMD_ROOT is not set"},
         {bin + "atcmd_accessory_sim' --set colour=red </dev/null", 2, "bad --set \"colour=red\""},
     };
-    for (const Case &c : cases) {
-        std::string out;
-        FILE *p = popen((c.command + " 2>&1").c_str(), "r");
-        ASSERT_NE(p, nullptr);
-        char buf[4096];
-        for (size_t n; (n = fread(buf, 1, sizeof buf, p)) > 0;) out.append(buf, n);
-        const int status = pclose(p);
-        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == c.status) << c.command << "\n" << out;
-        EXPECT_NE(out.find(c.says), std::string::npos) << c.command << "\n" << out;
+    for (const auto &[command, exit_code, says] : cases) {
+        EXPECT_NE(run(command, exit_code).find(says), std::string::npos) << command;
     }
 }

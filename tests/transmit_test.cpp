@@ -22,8 +22,7 @@ static std::string pending(int fd) {  // what already waits on `fd`: the write h
 }
 
 TEST(TransmitTest, ChannelStatusAndAnswerWatchByPlatformModeAndDestination) {
-    Sandbox sb;
-    log_file_init(ATCMD_LOG_DIR, ATCMD_LOG_FILE);
+    Sandbox sb(kWithLog);
     enum Where { Uart, Vuart, Wifi, Nowhere };
     const uint32_t closed[] = {ATCMDER_TX_UART_CLOSED, ATCMDER_TX_VUART_CLOSED, ATCMDER_TX_WIFI_CLOSED, 0};
     struct Case { int32_t platform, mode; uint8_t dest; Where where; } const cases[] = {

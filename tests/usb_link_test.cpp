@@ -32,15 +32,14 @@ void write_uevent(const Sandbox &sb, const std::string &port, const std::string 
     write_file(dir + "/uevent", text);
 }
 
-// A port whose uevent says `uevent` (none when null), linked as "/dev/ttyACM<n>". Never
-// destroyed: the receive thread may still be reading it when the test ends.
+// A port whose uevent says `uevent` (none when null), linked as "/dev/ttyACM<n>"; kept, since
+// the receive thread may still be reading it when the test ends.
 Pty &port(const Sandbox &sb, int n, const char *uevent = kCorvelUevent) {
     const std::string name = "ttyACM" + std::to_string(n);
     if (uevent != nullptr) write_uevent(sb, name, uevent);
-    static std::vector<Pty *> *const kept = new std::vector<Pty *>;  // reachable, not leaked
-    kept->push_back(new Pty);
-    kept->back()->link_as(sb, "/dev/" + name);
-    return *kept->back();
+    Pty &pty = kept_pty();
+    pty.link_as(sb, "/dev/" + name);
+    return pty;
 }
 
 size_t count_in_log(const Sandbox &sb, const std::string &text) {

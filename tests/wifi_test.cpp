@@ -83,13 +83,7 @@ void write_rx(const Sandbox &sb, const std::string &text) {
 // Reads what the module wrote to "/dev/fifo_tx" until it holds `want`.
 std::string read_tx(const Sandbox &sb, const std::string &want) {
     const int fd = open(sb.path("/dev/fifo_tx").c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
-    std::string got;
-    wait_until([&] {
-        char buf[256];
-        const ssize_t n = read(fd, buf, sizeof buf);
-        if (n > 0) got.append(buf, static_cast<size_t>(n));
-        return got.find(want) != std::string::npos;
-    });
+    const std::string got = read_until(fd, [&](const std::string &s) { return s.find(want) != s.npos; });
     close(fd);
     return got;
 }
@@ -121,10 +115,7 @@ protected:
     // The supervisor's queries go out unanswered; their time-out notices must be over before
     // the process (and the recorder) ends.
     void TearDown() override {
-        EXPECT_TRUE(wait_until([] {
-            return atcmder_empty_queue(&Tx_head, &g_txqueue_mutex) == 1 &&
-                   atcmder_empty_queue(&Timeout_head, &g_timeoutqueue_mutex) == 1;
-        }, 10000));
+        EXPECT_TRUE(wait_until(queues_idle, 10000));
         Recorder::instance().clear();
     }
     void bring_up() {
@@ -243,8 +234,7 @@ TEST_F(WifiLiveTest, MissingReceiveFifoIsReportedAndTheNextRunningReportRecovers
 }
 
 TEST(WifiChannelTest, MissingTransmitFifoGivesCodeTenAndKeepsTheReceiveFifoOpen) {
-    Sandbox sb;
-    log_file_init(ATCMD_LOG_DIR, ATCMD_LOG_FILE);
+    Sandbox sb(kWithLog);
     bare_device();
     make_fifo(sb, "/dev/fifo_rx");
     EXPECT_EQ(Socket_Fifo_Init(), 10);
@@ -277,8 +267,7 @@ TEST(WifiChannelTest, LinesAreMarkedAsComingFromTheOtherPlatform) {
 }
 
 TEST(WifiDaemonTest, ClientStartStopsTheDaemonOnlyForANewServer) {
-    Sandbox sb;
-    log_file_init(ATCMD_LOG_DIR, ATCMD_LOG_FILE);
+    Sandbox sb(kWithLog);
     atcmdprocess_device_t *dev = bare_device(PLATFORM_UART);
     StandInDaemon daemon(sb, true);
     ASSERT_EQ(atcmdprocess_wifi_init("192.168.4.1"), 0);  // the kept address is empty at first
@@ -311,8 +300,7 @@ TEST(WifiDaemonTest, UnconfirmedOrImpossibleStopFallsBackToTheProperty) {
          "stop_client"},
     };
     for (const Case &c : cases) {
-        Sandbox sb;
-        log_file_init(ATCMD_LOG_DIR, ATCMD_LOG_FILE);
+        Sandbox sb(kWithLog);
         bare_device(c.platform);
         std::unique_ptr<StandInDaemon> daemon;
         if (c.fifo_cmd) daemon = std::make_unique<StandInDaemon>(sb, c.confirms);
@@ -345,11 +333,9 @@ TEST(WifiDaemonTest, WifiStateGoesUpAndOnTheClientSideToTheAccessory) {
             continue;
         }
         ASSERT_EQ(queued.size(), 1u);
-        EXPECT_EQ(queued[0].text, c.line);
-        EXPECT_EQ(queued[0].cmd.type, AT_TYPE_SET);
-        EXPECT_EQ(queued[0].cmd.dest, AT_NODE_ACCESSORY);
-        EXPECT_EQ(queued[0].cmd.flag, PLATFORM_UART);
-        EXPECT_EQ(queued[0].cmd.cmd_id, AT_MSG_WIFICON);
-        EXPECT_EQ(queued[0].cmd.seq_num, 18);
+        const AtCmder_t &q = queued[0].cmd;
+        EXPECT_EQ(std::make_tuple(queued[0].text, +q.type, +q.dest, +q.flag, +q.cmd_id, +q.seq_num),
+                  std::make_tuple(std::string(c.line), +AT_TYPE_SET, +AT_NODE_ACCESSORY, PLATFORM_UART,
+                                  +AT_MSG_WIFICON, 18));
     }
 }

@@ -21,6 +21,7 @@
 
 #include "engine/engine.h"
 #include "hal/hal.h"
+#include "log/atcmd_log.h"
 #include "sim/messages.h"
 
 // Sanitizer settings for every test process.
@@ -68,6 +69,39 @@ void write_file(const std::string &path, const std::string &content) {
     out << content;
 }
 
+std::string read_until(int fd, const std::function<bool(const std::string &)> &done,
+                       int timeout_ms) {
+    std::string got;
+    const auto deadline = Clock::now() + std::chrono::milliseconds(timeout_ms);
+    while (!done(got)) {
+        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+                              deadline - Clock::now()).count();
+        if (left <= 0) break;
+        struct pollfd pfd = {fd, POLLIN, 0};
+        int r = poll(&pfd, 1, static_cast<int>(left));
+        if (r < 0 && errno == EINTR) continue;
+        if (r <= 0) break;
+        char buf[1024];
+        ssize_t n = ::read(fd, buf, sizeof buf);
+        if (n <= 0) break;
+        got.append(buf, static_cast<size_t>(n));
+    }
+    return got;
+}
+
+std::string read_lines(int fd, size_t lines, int timeout_ms) {
+    return read_until(fd, [&](const std::string &got) {
+        size_t n = 0;
+        for (size_t at = got.find("\r\n"); at != std::string::npos; at = got.find("\r\n", at + 2)) ++n;
+        return n >= lines;
+    }, timeout_ms);
+}
+
+bool queues_idle() {
+    return atcmder_empty_queue(&Tx_head, &g_txqueue_mutex) == 1 &&
+           atcmder_empty_queue(&Timeout_head, &g_timeoutqueue_mutex) == 1;
+}
+
 Sandbox::Sandbox() {
     const char *tmp = getenv("TMPDIR");
     std::string tmpl = std::string(tmp != nullptr && tmp[0] != '\0' ? tmp : "/tmp") +
@@ -79,6 +113,8 @@ Sandbox::Sandbox() {
     mkdir((root_ + "/dev").c_str(), 0755);
     setenv("ATCMD_ROOT", root_.c_str(), 1);
 }
+
+Sandbox::Sandbox(WithLog) : Sandbox() { log_file_init(ATCMD_LOG_DIR, ATCMD_LOG_FILE); }
 
 Sandbox::~Sandbox() {
     if (getenv("ATCMD_KEEP_SANDBOX") == nullptr) {
@@ -151,26 +187,11 @@ void Pty::write(const std::string &bytes) const {
     }
 }
 
-std::string Pty::read_until(const std::function<bool(const std::string &)> &done,
-                            int timeout_ms) const {
-    std::string got;
-    const auto deadline = Clock::now() + std::chrono::milliseconds(timeout_ms);
-    while (!done(got)) {
-        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-                              deadline - Clock::now()).count();
-        if (left <= 0) break;
-        struct pollfd pfd = {master_, POLLIN, 0};
-        int r = poll(&pfd, 1, static_cast<int>(left));
-        if (r < 0 && errno == EINTR) continue;
-        if (r <= 0) break;
-        char buf[1024];
-        ssize_t n = ::read(master_, buf, sizeof buf);
-        if (n <= 0) break;
-        got.append(buf, static_cast<size_t>(n));
-    }
-    return got;
+Pty &kept_pty() {
+    static std::vector<Pty *> *const kept = new std::vector<Pty *>;
+    kept->push_back(new Pty);
+    return *kept->back();
 }
-
 
 Recorder &Recorder::instance() {
     // Never destroyed: module threads (hotplug, supervisor) may still call back while the
@@ -230,6 +251,14 @@ atcmdprocess_device_t *bare_device(int32_t platform) {
     dev.notify_callback = Recorder::callback;
     g_patcmd_dev = &dev;
     return &dev;
+}
+
+void parse_line(const char *text, uint8_t source) {
+    char line[AT_LINE_BUF_SIZE];
+    AtCmder_t cmd = {};
+    cmd.source = source;
+    cmd.data = line;
+    cmd_Parse_from_buffer(&cmd, text);
 }
 
 std::vector<QueuedLine> drain_queue(struct atcmder_queue_head *head, pthread_mutex_t *mutex) {

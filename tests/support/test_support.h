@@ -22,10 +22,23 @@ bool wait_until(const std::function<bool()> &pred, int timeout_ms = 3000);
 std::string read_file(const std::string &path);
 void write_file(const std::string &path, const std::string &content);
 
+// Reads from `fd` until `done(all_read)` holds, the deadline passes or the other end is gone.
+std::string read_until(int fd, const std::function<bool(const std::string &)> &done,
+                       int timeout_ms = 3000);
+// Reads from `fd` until `lines` CR LF endings arrived or the deadline passed.
+std::string read_lines(int fd, size_t lines, int timeout_ms = 3000);
+
+// True when nothing waits on the transmit queue or for an answer.
+bool queues_idle();
+
+// Asks a Sandbox to open the module's log file inside it as well.
+enum WithLog { kWithLog };
+
 // A fresh directory set as ATCMD_ROOT, with dev/ made; removed at destruction.
 class Sandbox {
 public:
     Sandbox();
+    explicit Sandbox(WithLog);
     ~Sandbox();
     Sandbox(const Sandbox &) = delete;
     Sandbox &operator=(const Sandbox &) = delete;
@@ -62,13 +75,19 @@ public:
     void close_master();
     // Reads from the master until `done(all_read)` holds or the deadline passes.
     std::string read_until(const std::function<bool(const std::string &)> &done,
-                           int timeout_ms = 3000) const;
+                           int timeout_ms = 3000) const {
+        return atcmd_test::read_until(master_, done, timeout_ms);
+    }
 
 private:
     int master_ = -1;
     int slave_ = -1;  // kept open so the slave never reports hang-up before the module opens it
     std::string slave_path_;
 };
+
+// A new pseudo-terminal that is never destroyed (yet reachable, so no leak): for a receive
+// thread that outlives the test and must not see its line die at exit.
+Pty &kept_pty();
 
 // One notify callback seen by the recorder; `values` holds what `data` pointed to, decoded by
 // the message id (integers) and `text` the text messages.
@@ -109,6 +128,9 @@ struct QueuedLine {
     AtCmder_t cmd;  // cmd.data is not valid; the text is in `text`
     std::string text;
 };
+
+// Runs the line parser on `text` as a receive thread from `source` does; records go to Rx_head.
+void parse_line(const char *text, uint8_t source = AT_NODE_ACCESSORY);
 
 // Takes every record off a queue (Tx_head by default), in order.
 std::vector<QueuedLine> drain_queue(struct atcmder_queue_head *head, pthread_mutex_t *mutex);
