@@ -6,7 +6,6 @@
  * The bench thread plays a receive thread, then the upper layer; the simulator runs its own
  * thread; a child process is the idle module.
  */
-#include <errno.h>
 #include <fcntl.h>
 #include <signal.h>
 #include <stdio.h>
