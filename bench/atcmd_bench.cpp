@@ -1,11 +1,11 @@
 /*
  * The module's benchmark: parse and hand-over, the same lines end to end to the notify callback,
- * request-to-callback round trips through a pseudo-terminal, and the CPU, wake-ups and memory of
- * an opened idle module. Prints one table.
+ * request-to-callback round trips through the USB port with the accessory simulator answering,
+ * and the CPU, wake-ups and memory of an opened idle module. Prints one table.
  * Usage: atcmd_bench [--quick] [--parse-only | --e2e-only] (shorter runs; one row, to profile).
- * The bench thread plays a receive thread; a child process is the idle module.
+ * The bench thread plays a receive thread, then the upper layer; the simulator runs its own
+ * thread; a child process is the idle module.
  */
-#include <errno.h>
 #include <fcntl.h>
 #include <signal.h>
 #include <stdio.h>
@@ -31,7 +31,7 @@
 #include "engine/engine.h"
 #include "hal/hal.h"
 #include "log/atcmd_log.h"
-#include "serial/serial.h"
+#include "sim/accessory_sim.h"
 
 namespace {
 
@@ -40,6 +40,8 @@ using Clock = std::chrono::steady_clock;
 constexpr size_t kChunkMax = 512;          // receive chunks of whole lines, as a link delivers
 constexpr double kWireAnswerLines = 2000;  // 460800 bit/s carries about 2,000 answer lines/s
 constexpr int kIdleSeconds = 10;
+constexpr int kAcmNumber = 3;       // the simulated accessory plugs in as dev/ttyACM3
+constexpr int kPlugWaitMs = 10000;  // plug, discovery and the start-up interrogation
 
 // Answer lines as an accessory sends them, about 22 bytes each.
 const char *const kMix[] = {
@@ -206,28 +208,6 @@ double calibrate_notices(const std::vector<std::string> &chunks) {
 
 // ---- Round trips through a pseudo-terminal --------------------------------------------------
 
-// Answers every "AT+BAT?#n&2" request at once with "+BAT=...#n&2". Stands in for the accessory.
-void answer_loop(int master) {
-    std::string held;
-    char buf[4096];
-    for (;;) {
-        const ssize_t n = read(master, buf, sizeof buf);
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) return;
-        held.append(buf, static_cast<size_t>(n));
-        std::string answers;
-        size_t end;
-        while ((end = held.find("\r\n")) != std::string::npos) {
-            unsigned seq = 0;
-            if (sscanf(held.c_str(), "AT+BAT?#%u&2", &seq) == 1) {
-                answers += "+BAT=80,1,4000,25,0,1#" + std::to_string(seq) + "&2\r\n";
-            }
-            held.erase(0, end + 2);
-        }
-        if (!answers.empty() && write(master, answers.data(), answers.size()) < 0) return;
-    }
-}
-
 void request(atcmdprocess_device_t *dev, uint16_t seq) {
     char line[AT_LINE_BUF_SIZE];
     snprintf(line, sizeof line, "AT+BAT?#%u&2\r\n", seq);
@@ -364,14 +344,6 @@ void measure_idle(int seconds) {
     waitpid(child, nullptr, 0);
 }
 
-int open_pty(std::string *slave_path, int *slave) {
-    const int master = posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
-    if (master < 0 || grantpt(master) != 0 || unlockpt(master) != 0) return -1;
-    *slave_path = ptsname(master);
-    *slave = open(slave_path->c_str(), O_RDWR | O_NOCTTY | O_CLOEXEC);  // kept open: no hang-up
-    return master;
-}
-
 void add_rate_row(const std::string &what, double ns, double target_lines_s) {
     const double rate = 1e9 / ns;
     g_rows.push_back({what, fmt("%.2f M lines/s, %.0f ns/line", rate / 1e6, ns),
@@ -456,18 +428,14 @@ int main(int argc, char **argv) {
         add_rate_row("end to end to the callback, log level 4", ns, 10 * kWireAnswerLines);
     }
 
-    // Round trips: platform 2's serial line is a pseudo-terminal whose master answers at once.
-    std::string slave_path;
-    int slave = -1;
-    const int master = open_pty(&slave_path, &slave);
-    symlink(slave_path.c_str(), (root + "/dev/ttyS4").c_str());
-    dev->system_status.platform = PLATFORM_UART;
-    dev->system_status.mode = AT_MODE_USB;
-    if (master < 0 || UART_init(&g_uart_fd) != 0 ||
-        pthread_create(&g_uartRx_thread, nullptr, atcmder_uartRx_thread, nullptr) != 0) {
-        fprintf(stderr, "atcmd_bench: no serial line for the round trips\n");
+    // Round trips as the module is used: the accessory simulator plugs into the sandbox, the
+    // module's hotplug opens the port and interrogates it, and the simulator answers every query
+    // at once. Requests start once the interrogation's last answer is in.
+    atcmd_tools::AccSim *sim = atcmd_tools::acc_sim_create(atcmd_tools::AccIdentity{}, nullptr, nullptr);
+    if (sim == nullptr || atcmd_tools::acc_sim_plug(sim, kAcmNumber) != 0 ||
+        !atcmd_tools::acc_sim_wait_received(sim, "AT+VER?", kPlugWaitMs) || !wait_quiet(kPlugWaitMs)) {
+        fprintf(stderr, "atcmd_bench: the simulated accessory was not interrogated; no round trips\n");
     } else {
-        std::thread(answer_loop, master).detach();
         uint16_t seq = 0;
         round_trip_us(dev, 200, &seq);  // warm-up
         const auto quiet = round_trip_us(dev, quick ? 500 : 3000, &seq);

@@ -1,16 +1,21 @@
 /*
  * Logging for every thread of the module: the level, the time stamp, the log file and the three
  * sinks. Any thread writes; buf_timestamp is shared without a lock (a prefix may carry another
- * thread's concurrent stamp), fd_logfile changes only in log_file_init, called at open.
+ * thread's concurrent stamp), fd_logfile changes only in log_file_init, called at open. Each
+ * thread keeps its own kernel thread id in a thread-local word, looked up once.
  */
 #define LOG_TAG "AtCmdProcessHal"
 
 #include "log/atcmd_log.h"
 
+#include <pthread.h>
 #include <stdarg.h>
 #include <stdlib.h>
+#include <string.h>
 #include <sys/time.h>
 #include <unistd.h>
+
+#include <algorithm>
 
 #include "platform/root_path.h"
 
@@ -24,15 +29,53 @@ namespace {
 constexpr size_t kAndroidLineMax = 4096;
 constexpr size_t kLogPathMax = 256;  // as written, before any root prefix
 constexpr const char kPrefixFormat[] = "[%s][tid:%d]%s:%d: ";
+constexpr size_t kLongDigitsMax = 20;  // a 64-bit value with its sign
+
+// The calling thread's kernel id, looked up once per thread: an id never changes while its
+// thread runs. A forked child's only thread has a new id, so the child forgets the cached one.
+thread_local int t_tid = 0;
+
+void forget_tid_in_child() { t_tid = 0; }
+
+int cached_tid() {
+    if (t_tid == 0) {
+        static const int registered = pthread_atfork(nullptr, nullptr, forget_tid_in_child);
+        (void)registered;
+        t_tid = (int)gettid();
+    }
+    return t_tid;
+}
+
+// Writes `value` in decimal at `out` (room for kLongDigitsMax + 1 bytes); returns its end.
+// The stamp is formatted on every message of every sink, so it avoids the printf machinery;
+// the text is the same as "%ld" gives.
+char *put_long(char *out, long value) {
+    char digits[kLongDigitsMax];
+    size_t n = 0;
+    unsigned long magnitude = value < 0 ? 0UL - (unsigned long)value : (unsigned long)value;
+    do {
+        digits[n++] = (char)('0' + magnitude % 10);
+        magnitude /= 10;
+    } while (magnitude != 0);
+    if (value < 0) *out++ = '-';
+    while (n > 0) *out++ = digits[--n];
+    return out;
+}
 
 }  // namespace
 
 char *get_timestamp(void) {
     struct timeval tv;
     gettimeofday(&tv, nullptr);
-    // Microseconds are printed without leading zeros: 5 us after second 12 reads "12.5".
-    snprintf(buf_timestamp, sizeof buf_timestamp, "%ld.%ld", (long)(tv.tv_sec - ts_base_sec),
-             (long)tv.tv_usec);
+    // "%ld.%ld" written by hand: microseconds without leading zeros, 5 us after second 12 reads
+    // "12.5". A text longer than the buffer is cut as snprintf would cut it.
+    char text[2 * kLongDigitsMax + 2];
+    char *end = put_long(text, (long)(tv.tv_sec - ts_base_sec));
+    *end++ = '.';
+    end = put_long(end, (long)tv.tv_usec);
+    const size_t length = std::min((size_t)(end - text), sizeof buf_timestamp - 1);
+    memcpy(buf_timestamp, text, length);
+    buf_timestamp[length] = '\0';
     return buf_timestamp;
 }
 
@@ -40,7 +83,7 @@ void atcmd_log_stdout(const char *func, int line, const char *fmt, ...) {
     va_list ap;
     va_start(ap, fmt);
     flockfile(stdout);
-    printf(kPrefixFormat, get_timestamp(), (int)gettid(), func, line);
+    printf(kPrefixFormat, get_timestamp(), cached_tid(), func, line);
     vprintf(fmt, ap);
     funlockfile(stdout);
     va_end(ap);
@@ -53,7 +96,7 @@ void atcmd_log_android(int prio, const char *tag, const char *func, int line, co
     va_start(ap, fmt);
     vsnprintf(text, sizeof text, fmt, ap);
     va_end(ap);
-    __android_log_print(prio, tag, "[%s][tid:%d]%s:%d: %s", get_timestamp(), (int)gettid(), func,
+    __android_log_print(prio, tag, "[%s][tid:%d]%s:%d: %s", get_timestamp(), cached_tid(), func,
                         line, text);
 }
 
@@ -63,7 +106,7 @@ void atcmd_log_file(const char *func, int line, const char *fmt, ...) {
     va_list ap;
     va_start(ap, fmt);
     flockfile(file);
-    fprintf(file, kPrefixFormat, get_timestamp(), (int)gettid(), func, line);
+    fprintf(file, kPrefixFormat, get_timestamp(), cached_tid(), func, line);
     vfprintf(file, fmt, ap);
     fflush(file);  // on storage at once, even if the process is killed right after
     funlockfile(file);

@@ -137,6 +137,11 @@ int int_arg(const std::vector<std::string> &w, size_t i, int fallback) {
     return i < w.size() ? atoi(w[i].c_str()) : fallback;
 }
 
+// A wait command's deadline: its MS argument (or the default) times the console's wait scale.
+int wait_ms(const std::vector<std::string> &w, size_t i) {
+    return int_arg(w, i, kDefaultWaitMs) * std::max(1, g.options.wait_scale);
+}
+
 // Fills a record from an AT line as the upper layer would: kind, keyword row, "#seq" and "&flag".
 // False when the keyword is not in the table (cmd_id is then 0).
 bool fill_record(const std::string &line, AtCmder_t *cmd) {
@@ -286,7 +291,7 @@ CommandResult cmd_wait(const std::vector<std::string> &w) {
     if (id < 0) return fail("usage: wait NAME[=VALUE] [MS]");
     const std::string value = eq == std::string::npos ? "" : wanted.substr(eq + 1);
     std::unique_lock<std::mutex> lock(g.msg_mu);
-    const auto deadline = std::chrono::milliseconds(int_arg(w, 2, kDefaultWaitMs));
+    const auto deadline = std::chrono::milliseconds(wait_ms(w, 2));
     const bool found = g.msg_arrived.wait_for(lock, deadline, [&] {
         for (size_t i = std::max(g.cursors[id], g.mark); i < g.messages.size(); ++i) {
             const DecodedMessage &m = g.messages[i];
@@ -302,7 +307,7 @@ CommandResult cmd_wait(const std::vector<std::string> &w) {
 
 CommandResult cmd_wait_acc(const std::vector<std::string> &w) {
     if (g.acc == nullptr || w.size() < 2) return fail("usage: wait-acc TEXT [MS] (with --sim)");
-    return acc_sim_wait_received(g.acc, w[1], int_arg(w, 2, kDefaultWaitMs), g.acc_mark)
+    return acc_sim_wait_received(g.acc, w[1], wait_ms(w, 2), g.acc_mark)
                ? ok()
                : fail("timed out waiting for the accessory to receive " + w[1]);
 }
@@ -327,7 +332,7 @@ CommandResult cmd_wait_log(const std::vector<std::string> &w) {
     if (w.size() < 3) return fail("usage: wait-log MS TEXT");
     const std::string text = rest_of(w, 2);
     const size_t before = count_of(log_text(), text);
-    const auto deadline = Clock::now() + std::chrono::milliseconds(int_arg(w, 1, kDefaultWaitMs));
+    const auto deadline = Clock::now() + std::chrono::milliseconds(wait_ms(w, 1));
     // The log is a file another thread appends to: poll it for a new occurrence.
     while (count_of(log_text(), text) <= before) {
         if (Clock::now() >= deadline) return fail("timed out waiting for the log to say \"" + text + "\"");

@@ -21,6 +21,7 @@ struct ConsoleOptions {
     bool simulators = false; // run the accessory and daemon simulators in this process
     bool echo_commands = false;
     int log_level = -1;      // set in the module before it opens (-1: leave the module's default)
+    int wait_scale = 1;      // multiplies every wait's deadline (slow runs, e.g. under valgrind)
     FILE *out = stdout;      // where the console writes (the module's own prints may go elsewhere)
 };
 

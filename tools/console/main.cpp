@@ -37,6 +37,8 @@ void usage(FILE *out) {
             "  --json          JSON lines instead of text\n"
             "  --echo          print each command before running it\n"
             "  --log-level N   the module's log level, set before it opens\n"
+            "  --wait-scale N  multiply every wait's deadline by N (a slowed-down run, such as\n"
+            "                  under valgrind); sleeps and the module's own timers are unchanged\n"
             "  --module-output keep the module's own prints (standard output and error); by\n"
             "                  default they are dropped: the module's log file holds them all\n"
             "  -c COMMANDS     run COMMANDS (separated by ';') and leave\n"
@@ -128,7 +130,7 @@ int main(int argc, char **argv) {
         {"module", required_argument, nullptr, 'm'}, {"sim", no_argument, nullptr, 's'},
         {"json", no_argument, nullptr, 'j'},         {"echo", no_argument, nullptr, 'e'},
         {"help", no_argument, nullptr, 'h'},         {"module-output", no_argument, nullptr, 'o'},
-        {"log-level", required_argument, nullptr, 'l'},
+        {"log-level", required_argument, nullptr, 'l'}, {"wait-scale", required_argument, nullptr, 'w'},
         {nullptr, 0, nullptr, 0},
     };
     ConsoleOptions options;
@@ -143,6 +145,13 @@ int main(int argc, char **argv) {
         case 'c': commands.push_back(optarg); break;
         case 'o': module_output = true; break;
         case 'l': options.log_level = atoi(optarg); break;
+        case 'w':
+            options.wait_scale = atoi(optarg);
+            if (options.wait_scale < 1) {
+                fprintf(stderr, "atcmd_console: --wait-scale needs a whole number of 1 or more\n");
+                return 2;
+            }
+            break;
         case 'h': usage(stdout); return 0;
         default: usage(stderr); return 2;
         }
