@@ -453,6 +453,6 @@ int main(int argc, char **argv) {
     log_level = -1;
     print_table();
     fflush(stdout);
-    // Closing the device would end this process by design; leave without it.
+    // Closing the device ends the hosting process (SIGKILL); leave without it.
     _exit(0);
 }

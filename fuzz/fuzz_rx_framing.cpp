@@ -3,7 +3,7 @@
  * CR LF-terminated line of up to AT_RX_HOLD_MAX bytes must be delivered once, whole and in
  * order; a longer line may only show up as its tail; nothing else is delivered.
  * Input: two bytes seed the read sizes, the rest is the stream (NUL bytes, which the framing
- * splits on by design, are replaced so the stream is plain text).
+ * splits on deliberately, are replaced so the stream is plain text).
  */
 #include <stddef.h>
 #include <stdint.h>
