@@ -14,6 +14,10 @@
 /* Writes the rooted form of `path` into `out`; 0 on success, -1 when it does not fit. */
 int atcmd_root_path(const char *path, char *out, size_t size);
 
+/* Opens the rooted form of `path` with `flags`, retrying on EINTR; -1 with errno set on failure
+ * (ENAMETOOLONG when the rooted path does not fit). */
+int atcmd_open_rooted(const char *path, int flags);
+
 /* The sandbox root, or "" when there is none. */
 const char *atcmd_root(void);
 

@@ -13,6 +13,7 @@
 #include "accessory/accessory.h"
 #include "engine/engine.h"
 #include "hal/hal.h"
+#include "hal/link_words.h"
 #include "hotplug/hotplug.h"
 #include "log/atcmd_log.h"
 #include "serial/serial.h"
@@ -40,10 +41,6 @@ constexpr EngineThread kEngineThreads[] = {
     {&g_timeout_thread, atcmder_Timeout_thread, "atcmder_Timeout_thread init failed!", false},
 };
 
-void close_fd(int32_t *fd) {
-    if (*fd != -1) close(*fd);
-    *fd = -1;
-}
 
 }  // namespace
 
@@ -87,10 +84,10 @@ int atcmder_hal_open(void) {
 }
 
 int atcmder_hal_close(void) {
-    close_fd(&g_vuart_fd);
-    close_fd(&g_uart_fd);
-    close_fd(&g_fifo_tx_fd);
-    close_fd(&g_fifo_rx_fd);
+    link_close(g_vuart_fd);
+    link_close(g_uart_fd);
+    link_close(g_fifo_tx_fd);
+    link_close(g_fifo_rx_fd);
 
     atcmder_queue_exit(&Rx_head, &rxbuffer_Mutex);
     atcmder_queue_exit(&Tx_head, &txbuffer_Mutex);

@@ -7,6 +7,9 @@
 #ifndef ATCMD_HAL_LINK_WORDS_H
 #define ATCMD_HAL_LINK_WORDS_H
 
+#include <stdint.h>
+#include <unistd.h>
+
 template <typename T>
 inline T link_load(const T &word) {
     return __atomic_load_n(&word, __ATOMIC_ACQUIRE);
@@ -15,6 +18,14 @@ inline T link_load(const T &word) {
 template <typename T>
 inline void link_store(T &word, T value) {
     __atomic_store_n(&word, value, __ATOMIC_RELEASE);
+}
+
+/* Marks the descriptor word closed (`closed`: -1, or 0 for the Wi-Fi epoll instance) before
+ * closing what it held, so no thread picks up a number that is being closed. */
+inline void link_close(int32_t &word, int32_t closed = -1) {
+    const int32_t fd = link_load(word);
+    link_store(word, closed);
+    if (fd > closed) close(fd);
 }
 
 #endif /* ATCMD_HAL_LINK_WORDS_H */

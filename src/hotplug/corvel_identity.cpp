@@ -43,13 +43,7 @@ bool uevent_path(char *out, size_t size) {
 
 // Reads at most size - 1 bytes once; the text is always terminated. False when nothing opened.
 bool read_uevent(const char *as_written, char *text, size_t size) {
-    char path[ATCMD_ROOTED_PATH_MAX];
-    int fd = -1;
-    if (atcmd_root_path(as_written, path, sizeof path) == 0) {
-        do {
-            fd = open(path, O_RDONLY | O_CLOEXEC);
-        } while (fd < 0 && errno == EINTR);
-    }
+    const int fd = atcmd_open_rooted(as_written, O_RDONLY | O_CLOEXEC);
     if (fd < 0) {
         ATCMD_LOG_AS("corvel_plugged", LOG_TAG, 0, "open node fail.");
         return false;

@@ -71,18 +71,7 @@ constexpr Channel kVuart = {
     "Init Vuart %s successfully, Vuart fd is %d ",
 };
 
-int open_port(const char *as_written) {
-    char path[ATCMD_ROOTED_PATH_MAX];
-    if (atcmd_root_path(as_written, path, sizeof path) != 0) {
-        errno = ENAMETOOLONG;
-        return -1;
-    }
-    int fd;
-    do {
-        fd = open(path, kPortOpenFlags);
-    } while (fd < 0 && errno == EINTR);
-    return fd;
-}
+int open_port(const char *as_written) { return atcmd_open_rooted(as_written, kPortOpenFlags); }
 
 // Steps after a successful open: blocking mode, terminal check, line setting. On failure the
 // descriptor is closed but the caller's copy keeps its number, as callers expect.

@@ -61,11 +61,7 @@ bool start_missing(pthread_t *handle, void *(*body)(void *)) {
 // Closes the accessory's port and marks it closed. The VUART receive thread may be blocked in a
 // read of it and the transmit thread may be writing it: they see -1 on their next pass, which
 // is how both learn that the port went away.
-__attribute__((noinline)) void close_accessory_port(void) {
-    const int32_t old_fd = link_load(g_vuart_fd);
-    link_store(g_vuart_fd, -1);
-    if (old_fd != -1) close(old_fd);
-}
+__attribute__((noinline)) void close_accessory_port(void) { link_close(g_vuart_fd); }
 
 // SIGUSR1: the accessory's port appeared. An earlier port is always dropped first.
 void on_plug(struct atcmdprocess_device *dev) {

@@ -56,25 +56,13 @@ struct ChannelLock {
 // Opened read-write so that neither open waits for the daemon's side, and non-blocking so that
 // the receive thread can empty the FIFO after each edge of its edge-triggered wait.
 int32_t open_fifo(const char *as_written) {
-    char path[ATCMD_ROOTED_PATH_MAX];
-    if (atcmd_root_path(as_written, path, sizeof path) != 0) return -1;
-    int fd;
-    do {
-        fd = open(path, O_RDWR | O_NONBLOCK | O_CLOEXEC);
-    } while (fd < 0 && errno == EINTR);
-    return fd;
+    return atcmd_open_rooted(as_written, O_RDWR | O_NONBLOCK | O_CLOEXEC);
 }
 
-// Clears `word` to `closed` and closes what it held (when it held more than `closed`).
-void close_word(int32_t &word, int32_t closed) {
-    const int32_t fd = link_load(word);
-    link_store(word, closed);
-    if (fd > closed) close(fd);
-}
 
 void close_data_fifos(void) {
-    close_word(g_fifo_rx_fd, -1);
-    close_word(g_fifo_tx_fd, -1);
+    link_close(g_fifo_rx_fd);
+    link_close(g_fifo_tx_fd);
 }
 
 // The receive thread's parse request, its work area and the platform's source value.
@@ -133,7 +121,7 @@ int Socket_Fifo_Init(void) {
     wifi_thread_end(&g_wifiRx_thread);
     // Only the receive descriptor is tested, and descriptor 0 counts as closed.
     if (link_load(g_fifo_rx_fd) >= 1) close_data_fifos();
-    if (link_load(epfd_socket) >= 1) close_word(epfd_socket, kNoEpoll);
+    if (link_load(epfd_socket) >= 1) link_close(epfd_socket, kNoEpoll);
 
     link_store(g_fifo_rx_fd, open_fifo(kFifoRx));
     link_store(g_fifo_tx_fd, open_fifo(kFifoTx));
@@ -198,6 +186,6 @@ void stop_wifi_channel(void) {
     }
     wifi_thread_end(&g_wifiRx_thread);
     close_data_fifos();
-    if (link_load(epfd_socket) >= 1) close_word(epfd_socket, kNoEpoll);
+    if (link_load(epfd_socket) >= 1) link_close(epfd_socket, kNoEpoll);
     ATCMD_LOG(3, "wifi channel has been closed and wifiRx_thread has been killed!");
 }

@@ -54,16 +54,6 @@ struct FdGuard {
     }
 };
 
-int open_fifo_cmd(void) {
-    char path[ATCMD_ROOTED_PATH_MAX];
-    if (atcmd_root_path(kFifoCmd, path, sizeof path) != 0) return -1;
-    int fd;
-    do {
-        fd = open(path, O_RDWR | O_CLOEXEC);
-    } while (fd < 0 && errno == EINTR);
-    return fd;
-}
-
 bool write_exit_word(int fd) {
     const size_t len = sizeof kExitWord - 1;  // no terminator on the FIFO
     ssize_t n;
@@ -109,7 +99,7 @@ void queue_wificon_line(int32_t state) {
 }  // namespace
 
 void stop_hiddemon(void) {
-    FdGuard cmd_fifo{open_fifo_cmd()};
+    FdGuard cmd_fifo{atcmd_open_rooted(kFifoCmd, O_RDWR | O_CLOEXEC)};
     if (cmd_fifo.fd < 0) {
         ATCMD_LOG(0, "cannot open device: %s, will kill hiddemon!", kFifoCmd);
         Kill_hiddemon_byforce();
