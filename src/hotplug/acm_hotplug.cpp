@@ -102,23 +102,28 @@ void handle_event(const struct inotify_event *ev) {
 
 }  // namespace
 
-int32_t parse_dev_name(const char *name) {
-    if (name == nullptr) return -1;
+int32_t acm_port_number(const char *name) {
+    if (name == nullptr) return kNoAcmPort;
     const char *key = strstr(name, kAcmKey);
-    if (key == nullptr) return -1;
+    if (key == nullptr) return kNoAcmPort;
     errno = 0;
     const long n = strtol(key + strlen(kAcmKey), nullptr, 10);
     // A number the port path cannot carry is no port of ours; taking it would open a wrong one.
-    if (errno == ERANGE || n < 0 || n > INT32_MAX) {
-        ATCMD_LOG(0, "%s: port number out of range, ignored", name);
-        return -1;
-    }
+    if (errno == ERANGE || n < 0 || n > INT32_MAX) return kAcmPortOutOfRange;
+    return static_cast<int32_t>(n);
+}
+
+int32_t parse_dev_name(const char *name) {
+    const int32_t n = acm_port_number(name);
+    if (n == kAcmPortOutOfRange) ATCMD_LOG(0, "%s: port number out of range, ignored", name);
+    if (n < 0) return -1;
     {
         std::lock_guard<std::mutex> lock(g_dev_ACM_name_mutex);
         snprintf(g_dev_ACM_name, sizeof g_dev_ACM_name, "%s", name);
     }
-    ATCMD_LOG(4, "file ttyACM%ld found or remove! g_dev_ACM_name: %.63s", n, name);
-    return static_cast<int32_t>(n);
+    ATCMD_LOG(4, "file ttyACM%ld found or remove! g_dev_ACM_name: %.63s", static_cast<long>(n),
+              name);
+    return n;
 }
 
 int scan_acm_devices(void) {

@@ -1,7 +1,7 @@
 /*
  * Recognition of the accessory's own ACM port: the "PRODUCT=" line of the port's sysfs uevent
- * file must carry the accessory's vendor and product id. Runs on the supervisor when it takes
- * a plug signal; reads g_dev_ACM_name, writes nothing.
+ * file must carry the accessory's vendor and product id. Runs on the supervisor when it looks
+ * at the ports under "/dev"; reads g_dev_ACM_name, writes nothing.
  */
 #define LOG_TAG "ATCMD_MANAGE"
 
@@ -25,14 +25,8 @@ constexpr char kProductKey[] = "PRODUCT=";
 constexpr char kCorvelVendorId[] = "7a1d";
 constexpr char kCorvelProductId[] = "5101";
 
-// "/sys/class/tty/<name>/device/uevent" for the last ACM name seen; false when it does not fit.
-bool uevent_path(char *out, size_t size) {
-    char name[sizeof g_dev_ACM_name];
-    {
-        std::lock_guard<std::mutex> lock(g_dev_ACM_name_mutex);
-        memcpy(name, g_dev_ACM_name, sizeof name);
-    }
-    name[sizeof name - 1] = '\0';
+// "/sys/class/tty/<name>/device/uevent"; false when it does not fit.
+bool uevent_path(const char *name, char *out, size_t size) {
     const int n = snprintf(out, size, "/sys/class/tty/%s/device/uevent", name);
     if (n > 0 && static_cast<size_t>(n) < size) return true;
     // A truncated path would name some other node; such a port cannot be the accessory's.
@@ -66,13 +60,23 @@ bool read_uevent(const char *as_written, char *text, size_t size) {
 }  // namespace
 
 int corvel_plugged(void) {
+    char name[sizeof g_dev_ACM_name];
+    {
+        std::lock_guard<std::mutex> lock(g_dev_ACM_name_mutex);
+        memcpy(name, g_dev_ACM_name, sizeof name);
+    }
+    name[sizeof name - 1] = '\0';
+    return corvel_port_matches(name);
+}
+
+int corvel_port_matches(const char *name) {
     char node[kNodePathSize] = {};
-    if (!uevent_path(node, sizeof node)) return 0;
-    ATCMD_LOG(4, "ttyACM node name:%s", node);
+    if (!uevent_path(name, node, sizeof node)) return 0;
+    ATCMD_LOG_AS("corvel_plugged", LOG_TAG, 4, "ttyACM node name:%s", node);
     char text[kUeventBufSize] = {};
     if (!read_uevent(node, text, sizeof text)) return 0;
     char match[kMatchSize] = {};
     snprintf(match, sizeof match, "%s%s/%s", kProductKey, kCorvelVendorId, kCorvelProductId);
-    ATCMD_LOG(4, "buf_match %s", match);
+    ATCMD_LOG_AS("corvel_plugged", LOG_TAG, 4, "buf_match %s", match);
     return strstr(text, match) != nullptr ? 1 : 0;
 }

@@ -34,4 +34,33 @@ int atcmdprocess_amlogic_shake_hands(void);
 
 ATCMD_EXPORTS_END
 
+/* ---- The accessory's port as it is under "/dev" (module-internal) ---------------------------- */
+
+/* acm_port_number's answers for a name that is no port. */
+constexpr int32_t kNoAcmPort = -1;
+constexpr int32_t kAcmPortOutOfRange = -2;
+
+/* The number n of a "/dev" entry name holding "ttyACM" + n, without logging or recording it;
+ * kNoAcmPort or kAcmPortOutOfRange when the name names no port. */
+int32_t acm_port_number(const char *name);
+
+/* 1 when the uevent file of the tty `name` carries the accessory's product (logged as the plug
+ * check); corvel_plugged asks it for the last name seen. */
+int corvel_port_matches(const char *name);
+
+/* True while `fd`, opened on "/dev/ttyACM" + `number`, is still that port: not hung up, and the
+ * entry still leads to the same node. A port that went away and came back is another port. */
+bool acm_port_alive(int32_t number, int fd);
+
+/* True when port `number` is present and its uevent names the accessory. An entry once found
+ * foreign or unopenable is not looked at again until it is made anew. Supervisor thread only. */
+bool acm_is_accessory_port(int32_t number);
+
+/* The accessory's port present now, or -1: `preferred` (the last one announced) when it is there
+ * and is the accessory's, else the first other entry that is. */
+int32_t acm_find_accessory_port(int32_t preferred);
+
+/* Remembers that the entry of port `number` as it is now could not be opened. */
+void acm_port_unusable(int32_t number);
+
 #endif /* ATCMD_HOTPLUG_HOTPLUG_H */

@@ -1,7 +1,7 @@
 /*
  * The VUART receive thread ("VuartRx_thread"): reads the accessory's ACM port, frames the bytes
  * with the shared framing routine and hands complete lines to the line parser as accessory
- * lines. It notices a vanished port and asks the supervisor for the unplug, and clears
+ * lines. It notices a vanished port and asks the supervisor to look, and clears
  * g_VuartRx_thread when it ends. Started detached by the supervisor on plug; at most one runs.
  */
 #define LOG_TAG "ATCMD_MANAGE"
@@ -59,16 +59,20 @@ bool port_may_return(void) {
     return scan_acm_devices() == 1;  // a port listed again has been announced by the scan
 }
 
+// Both exits clear the handle before the supervisor is asked to look, so that a look which
+// finds the port still held (a re-plug won the race) starts a new receive thread for it.
 void *disappear_exit(void) {
     VUART_RX_LOG(3, "ACM device disappear, atcmder_VuartRx_thread will die!");
-    atcmd_signal_supervisor(ATCMD_SIG_UNPLUG);
     atcmd_clear_own_handle(&g_VuartRx_thread);
+    atcmd_signal_supervisor(ATCMD_SIG_UNPLUG);
     return nullptr;
 }
 
+// The loop saw the port dropped. The supervisor has seen the unplug; it is asked to look again
+// only when a port was stored meanwhile, which the thread that ends here will not read.
 void *cannot_find_exit(void) {
     atcmd_clear_own_handle(&g_VuartRx_thread);
-    if (link_load(g_patcmd_dev->usb_connected) == 1) atcmd_signal_supervisor(ATCMD_SIG_UNPLUG);
+    if (link_load(g_vuart_fd) != -1) atcmd_signal_supervisor(ATCMD_SIG_UNPLUG);
     VUART_RX_LOG(3, "ACM device can not find, atcmder_VuartRx_thread will die!");
     return nullptr;
 }

@@ -55,6 +55,11 @@ void atcmd_supervisor_signals(sigset_t *set);
  * supervisor was never started). */
 int atcmd_signal_supervisor(int sig);
 
+/* Starts `body` into `*handle` unless one runs there; false when it had to start one and could
+ * not. The handle is stored before the new thread can clear it, so a thread that ends at once
+ * always leaves 0 behind and never a stale handle. */
+bool atcmd_start_missing(pthread_t *handle, void *(*body)(void *));
+
 /* Sets the handle of a thread that the supervisor started to 0 when it still names the calling
  * thread; the thread calls it as it ends. Ordered after the supervisor's store of the handle, so
  * no stale handle is left behind. False when someone else took the handle first (and joins). */

@@ -1,9 +1,19 @@
 /*
- * The supervisor thread: the one place where link changes signalled by other threads are
- * carried out (plug, unplug, daemon running, handshake), taken with sigwait one at a time, and
- * the SIGALRM handler that ends the Wi-Fi threads. Runs on "sigProcess_thread"; writes
- * g_vuart_fd, the thread handles it creates and the device's usb and mode words, without locks:
- * this thread alone changes them.
+ * The supervisor thread: the one place where the links are opened, closed and switched, and the
+ * SIGALRM handler that ends the Wi-Fi threads. Runs on "sigProcess_thread"; writes g_vuart_fd,
+ * the thread handles it creates and the device's usb and mode words.
+ *
+ * A signal only says "look again". On every wake the supervisor compares what is there with what
+ * the module holds and carries out only the steps that close the difference, so signals that
+ * were merged, came late, came twice or came in another order than their events do no harm:
+ *  - USB: the port held is dropped (unplug) only when it is really gone: hung up, or its entry
+ *    removed or made anew, even under the same name. Then the accessory's port present under
+ *    "/dev", if any, is opened (plug). A port announced after the one held replaces it. A bounce
+ *    that happened while the supervisor was busy therefore reads as the unplug, then the plug.
+ *  - Wi-Fi: the channel is opened once for each "running" report that is still the daemon's last
+ *    word while Wi-Fi is wanted; a report overtaken by a failure, a stop or a disconnect does
+ *    nothing. Closing is done by those, under the same Wi-Fi link lock.
+ *  - The handshake is a request, not a state: it is carried out on its own signal.
  */
 #define LOG_TAG "ATCMD_MANAGE"
 
@@ -40,13 +50,126 @@ void log_cast_mode(const struct atcmdprocess_device *dev) {
 
 // Guards the publication of the handles of threads the supervisor starts and that clear their
 // own handle when they end (the VUART receive thread): the store of a new handle and a thread's
-// clear of it never interleave. Taken alone, never with another lock.
+// clear of it never interleave. Last in the lock order: nothing is taken while it is held.
 pthread_mutex_t g_thread_handle_mutex = PTHREAD_MUTEX_INITIALIZER;
 
-// Starts `body` into `handle` unless one runs; false when it had to start one and could not.
-// The handle is stored before the new thread can clear it, so a thread that ends at once
-// always leaves 0 behind and never a stale handle.
-bool start_missing(pthread_t *handle, void *(*body)(void *)) {
+// What the supervisor holds beyond the shared words; this thread alone touches them.
+int32_t g_held_port = -1;        // n of the port g_vuart_fd was opened on
+bool g_plug_told = false;        // the plug of the held port has been carried out and told
+uint32_t g_wifi_opened_for = 0;  // the "running" report the channel was last opened for
+
+// Closes the accessory's port and marks it closed. The VUART receive thread may be blocked in a
+// read of it and the transmit thread may be writing it: they see -1 on their next pass, which
+// is how both learn that the port went away.
+__attribute__((noinline)) void close_accessory_port(void) {
+    link_close(g_vuart_fd);
+    g_held_port = -1;
+    g_plug_told = false;
+}
+
+// The port went away: the upper layer hears of it, then the port is dropped and the mode set.
+// The receive thread ends by itself once it sees the -1.
+void unplug(struct atcmdprocess_device *dev) {
+    link_store(dev->usb_status, -1);
+    link_store(dev->usb_connected, 0);
+    notify_usbevent();
+    close_accessory_port();
+    {
+        WifiLinkLock lock;  // a disconnect does not slip between the look and the store
+        const bool wifi_wanted = link_load(dev->system_status.wifi_status) == 1;
+        link_store(dev->system_status.mode,
+                   static_cast<int32_t>(wifi_wanted ? AT_MODE_WIFI : AT_MODE_NONE));
+    }
+    log_cast_mode(dev);
+}
+
+// Opens the accessory's port `n` in place of the one held, if any. The new port is opened before
+// the old one is closed, so that a port that fails to open leaves a working one as it was.
+bool open_port(int32_t n) {
+    SUPERVISOR_LOG(4, "hot pluged device is corvel.");
+    int32_t fd = -1;
+    if (VUART_init(&fd, n) != 0) {
+        acm_port_unusable(n);  // stays closed until the entry is made anew
+        return false;
+    }
+    close_accessory_port();
+    link_store(g_vuart_fd, fd);
+    g_held_port = n;
+    return true;
+}
+
+// The plug once the port is open: a receive thread, the mode, the start-up interrogation and the
+// USB pair for the upper layer. A thread that cannot be started leaves the state as it was; the
+// next look tries again.
+void finish_plug(struct atcmdprocess_device *dev) {
+    if (!atcmd_start_missing(&g_VuartRx_thread, atcmder_VuartRx_thread)) {
+        SUPERVISOR_LOG(0, "atcmder_VuartRx_thread pthread_create failed");
+        return;
+    }
+    if (g_plug_told) return;
+    g_plug_told = true;
+    link_store(dev->usb_connected, 1);
+    link_store(dev->system_status.mode, static_cast<int32_t>(AT_MODE_USB));
+    get_corvel_info();
+    notify_usbevent();
+    log_cast_mode(dev);
+}
+
+void reconcile_usb(struct atcmdprocess_device *dev) {
+    const int32_t held = link_load(g_vuart_fd);
+    // A port this thread did not open (a harness that drives the port itself) is left alone.
+    if (held != -1 && g_held_port < 0) return;
+    if (held != -1 && !acm_port_alive(g_held_port, held)) unplug(dev);
+    const int32_t announced = static_cast<int32_t>(link_load(g_dev_ACM));
+    if (link_load(g_vuart_fd) == -1) {
+        const int32_t n = acm_find_accessory_port(announced);
+        if (n < 0 || !open_port(n)) return;
+    } else if (announced >= 0 && announced != g_held_port && acm_is_accessory_port(announced)) {
+        if (!open_port(announced)) return;  // a port announced later takes over
+    }
+    finish_plug(dev);
+}
+
+// The Wi-Fi channel for a "running" report that is still the daemon's last word. A USB link
+// keeps the traffic.
+void reconcile_wifi(struct atcmdprocess_device *dev) {
+    WifiLinkLock lock;
+    const uint32_t report = hiddemon_running_report();
+    if (link_load(dev->system_status.wifi_status) != 1 || report == 0 ||
+        report == g_wifi_opened_for) {
+        return;
+    }
+    g_wifi_opened_for = report;
+    if (link_load(dev->system_status.mode) != AT_MODE_USB) {
+        link_store(dev->system_status.mode, static_cast<int32_t>(AT_MODE_WIFI));
+    }
+    bool rx_started = true;
+    wifi_channel_start(&rx_started);  // a failed open still starts the thread, which ends at once
+    // Both failures carry the receive thread's name on purpose: one text for the Wi-Fi start.
+    if (!rx_started) SUPERVISOR_LOG(0, "atcmder_wifiRx_thread init failed!");
+    if (!atcmd_start_missing(&g_wifiHBeat_thread, atcmder_wifiHBeat_thread)) {
+        SUPERVISOR_LOG(0, "atcmder_wifiRx_thread init failed!");
+    }
+    if (dev->system_status.platform == PLATFORM_VUART) get_corvel_info();
+    property_set("vendor.corvel.timesync", "enable");
+    SUPERVISOR_LOG(3, "Set vendor.corvel.timesync enable!");
+    log_cast_mode(dev);
+}
+
+// The upper layer asked for the handshake with the accessory's SoC.
+void handshake(void) {
+    send_amlogic_ver();
+    usleep(kHandshakeGapUs);
+    get_corvel_info();
+    get_corvel_usbstate();
+}
+
+constexpr int kSignals[] = {ATCMD_SIG_PLUG, ATCMD_SIG_UNPLUG, ATCMD_SIG_HIDDEMON_RUNNING,
+                            ATCMD_SIG_HANDSHAKE};
+
+}  // namespace
+
+bool atcmd_start_missing(pthread_t *handle, void *(*body)(void *)) {
     pthread_mutex_lock(&g_thread_handle_mutex);
     bool ok = true;
     if (link_load(*handle) == 0) {
@@ -58,88 +181,10 @@ bool start_missing(pthread_t *handle, void *(*body)(void *)) {
     return ok;
 }
 
-// Closes the accessory's port and marks it closed. The VUART receive thread may be blocked in a
-// read of it and the transmit thread may be writing it: they see -1 on their next pass, which
-// is how both learn that the port went away.
-__attribute__((noinline)) void close_accessory_port(void) { link_close(g_vuart_fd); }
-
-// SIGUSR1: the accessory's port appeared. An earlier port is always dropped first.
-void on_plug(struct atcmdprocess_device *dev) {
-    if (corvel_plugged() != 1) return;
-    SUPERVISOR_LOG(4, "hot pluged device is corvel.");
-    close_accessory_port();
-    int32_t fd = -1;
-    if (VUART_init(&fd, link_load(g_dev_ACM)) != 0) return;  // stays closed until the next plug
-    link_store(g_vuart_fd, fd);
-    if (!start_missing(&g_VuartRx_thread, atcmder_VuartRx_thread)) {
-        SUPERVISOR_LOG(0, "atcmder_VuartRx_thread pthread_create failed");
-        return;
-    }
-    link_store(dev->usb_connected, 1);
-    link_store(dev->system_status.mode, static_cast<int32_t>(AT_MODE_USB));
-    get_corvel_info();
-    notify_usbevent();
-    log_cast_mode(dev);
-}
-
-// SIGUSR2: the port went away. The receive thread ends by itself once it sees the -1.
-void on_unplug(struct atcmdprocess_device *dev) {
-    link_store(dev->usb_status, -1);
-    link_store(dev->usb_connected, 0);
-    notify_usbevent();
-    close_accessory_port();
-    const bool wifi_wanted = link_load(dev->system_status.wifi_status) == 1;
-    link_store(dev->system_status.mode,
-               static_cast<int32_t>(wifi_wanted ? AT_MODE_WIFI : AT_MODE_NONE));
-    log_cast_mode(dev);
-}
-
-// SIGURG: the HID daemon reports a running link. A USB link keeps the traffic.
-void on_hiddemon_running(struct atcmdprocess_device *dev) {
-    if (link_load(dev->system_status.mode) != AT_MODE_USB) {
-        link_store(dev->system_status.mode, static_cast<int32_t>(AT_MODE_WIFI));
-    }
-    Socket_Fifo_Init();  // a failed open still starts the thread, which then ends at once
-    // Both failures carry the receive thread's name on purpose: one text for the Wi-Fi start.
-    if (!start_missing(&g_wifiRx_thread, atcmder_wifiRx_thread)) {
-        SUPERVISOR_LOG(0, "atcmder_wifiRx_thread init failed!");
-    }
-    if (!start_missing(&g_wifiHBeat_thread, atcmder_wifiHBeat_thread)) {
-        SUPERVISOR_LOG(0, "atcmder_wifiRx_thread init failed!");
-    }
-    if (dev->system_status.platform == PLATFORM_VUART) get_corvel_info();
-    property_set("vendor.corvel.timesync", "enable");
-    SUPERVISOR_LOG(3, "Set vendor.corvel.timesync enable!");
-    log_cast_mode(dev);
-}
-
-// SIGVTALRM: the upper layer asked for the handshake with the accessory's SoC.
-void on_handshake(struct atcmdprocess_device * /*dev*/) {
-    send_amlogic_ver();
-    usleep(kHandshakeGapUs);
-    get_corvel_info();
-    get_corvel_usbstate();
-}
-
-struct SignalAction {
-    int sig;
-    void (*act)(struct atcmdprocess_device *dev);
-};
-
-constexpr SignalAction kActions[] = {
-    {ATCMD_SIG_PLUG, on_plug},
-    {ATCMD_SIG_UNPLUG, on_unplug},
-    {ATCMD_SIG_HIDDEMON_RUNNING, on_hiddemon_running},
-    {ATCMD_SIG_HANDSHAKE, on_handshake},
-};
-
-}  // namespace
-
 void atcmd_supervisor_signals(sigset_t *set) {
     sigemptyset(set);
-    for (const SignalAction &a : kActions) sigaddset(set, a.sig);
+    for (int sig : kSignals) sigaddset(set, sig);
 }
-
 int atcmd_signal_supervisor(int sig) {
     const pthread_t supervisor = link_load(g_Sigprocess_thread);
     if (supervisor == 0) {  // pthread_kill on handle 0 would crash the process
@@ -175,9 +220,9 @@ void *atcmder_sigProcess_thread(void * /*arg*/) {
         ATCMD_LOG(3, "atcmder_sigProcess_thread handling thread got signal %d", sig);
         struct atcmdprocess_device *dev = g_patcmd_dev;
         if (dev == nullptr) continue;
-        for (const SignalAction &a : kActions) {
-            if (a.sig == sig) a.act(dev);
-        }
+        reconcile_usb(dev);
+        reconcile_wifi(dev);
+        if (sig == ATCMD_SIG_HANDSHAKE) handshake();
     }
     return nullptr;
 }

@@ -112,10 +112,10 @@ void leave_by_itself(void) {
     if (atcmd_clear_own_handle(&g_wifiRx_thread)) pthread_detach(pthread_self());
 }
 
-}  // namespace
+#define FIFO_INIT_LOG(threshold, ...) ATCMD_LOG_AS("Socket_Fifo_Init", LOG_TAG, threshold, __VA_ARGS__)
 
-int Socket_Fifo_Init(void) {
-    ChannelLock lock;
+// Socket_Fifo_Init's work; the caller holds the channel lock.
+int fifo_init_locked(void) {
     // A receive thread still running waits on the epoll instance that is about to be closed,
     // and closing it would not wake it: it is ended here and started anew by the caller.
     wifi_thread_end(&g_wifiRx_thread);
@@ -127,13 +127,13 @@ int Socket_Fifo_Init(void) {
     link_store(g_fifo_tx_fd, open_fifo(kFifoTx));
     if (g_fifo_rx_fd < 0 || g_fifo_tx_fd < 0) {
         // Names the receive FIFO whichever of the two failed; the one that opened stays open.
-        ATCMD_LOG(0, "cannot open device: %s\n", kFifoRx);
+        FIFO_INIT_LOG(0, "cannot open device: %s\n", kFifoRx);
         return kFifoOpenFailed;
     }
 
     const int epfd = epoll_create1(EPOLL_CLOEXEC);
     if (epfd < 0) {
-        ATCMD_LOG(0, "Create epoll instance, errno:%d, errstr:%s\n", errno, strerror(errno));
+        FIFO_INIT_LOG(0, "Create epoll instance, errno:%d, errstr:%s\n", errno, strerror(errno));
         return kEpollFailed;
     }
     link_store(epfd_socket, static_cast<int32_t>(epfd));
@@ -142,11 +142,25 @@ int Socket_Fifo_Init(void) {
     ev.events = EPOLLIN | EPOLLET;
     ev.data.fd = g_fifo_rx_fd;
     if (epoll_ctl(epfd, EPOLL_CTL_ADD, g_fifo_rx_fd, &ev) != 0) {
-        ATCMD_LOG(0, "Set epoll_ctl, errno:%d, errstr:%s\n", errno, strerror(errno));
+        FIFO_INIT_LOG(0, "Set epoll_ctl, errno:%d, errstr:%s\n", errno, strerror(errno));
         return kEpollFailed;
     }
-    ATCMD_LOG(3, "FIFO_RX and FIFO_TX open successfully!");
+    FIFO_INIT_LOG(3, "FIFO_RX and FIFO_TX open successfully!");
     return 0;
+}
+
+}  // namespace
+
+int Socket_Fifo_Init(void) {
+    ChannelLock lock;
+    return fifo_init_locked();
+}
+
+int wifi_channel_start(bool *thread_started) {
+    ChannelLock lock;
+    const int result = fifo_init_locked();
+    *thread_started = atcmd_start_missing(&g_wifiRx_thread, atcmder_wifiRx_thread);
+    return result;
 }
 
 void *atcmder_wifiRx_thread(void * /*arg*/) {

@@ -96,6 +96,21 @@ void queue_wificon_line(int32_t state) {
     atcmder_send_to_tx(&cmd);
 }
 
+// A count that stood still for a whole period while the link is wanted.
+bool heartbeat_lost(uint32_t before) {
+    return link_load(g_wifiHBeat_num) == before && wifi_status_of_device() == 1;
+}
+
+// The heartbeat thread's restart of a daemon that went silent; under the link lock.
+void restart_daemon(uint32_t count) {
+    ATCMD_LOG_AS("atcmder_wifiHBeat_thread", LOG_TAG, 2,
+                 "!! HID demon lost heart beat, will restart! wifiHBeat_num is %lu .",
+                 static_cast<unsigned long>(count));
+    hiddemon_report_down();
+    stop_wifi_channel();
+    wifi_Chan_ReInit();
+}
+
 }  // namespace
 
 void stop_hiddemon(void) {
@@ -159,11 +174,12 @@ void *atcmder_wifiHBeat_thread(void * /*arg*/) {
     for (;;) {
         const uint32_t before = link_load(g_wifiHBeat_num);
         wifi_thread_sleep(&wait_mask, kHeartbeatPeriodMs);
-        if (link_load(g_wifiHBeat_num) != before || wifi_status_of_device() != 1) continue;
-        ATCMD_LOG(2, "!! HID demon lost heart beat, will restart! wifiHBeat_num is %lu .",
-                  static_cast<unsigned long>(before));
-        stop_wifi_channel();
-        wifi_Chan_ReInit();
+        if (!heartbeat_lost(before)) continue;
+        // The restart runs whole under the link lock; a disconnect that got the lock first has
+        // made the link unwanted, and the count is looked at again once the lock is held.
+        wifi_link_lock_from_wifi_thread(&wait_mask);
+        if (heartbeat_lost(before)) restart_daemon(before);
+        wifi_link_unlock();
     }
     return nullptr;
 }

@@ -51,4 +51,35 @@ void wifi_thread_end(pthread_t *handle);
 /* Sleeps `ms` milliseconds, letting SIGALRM in meanwhile. */
 void wifi_thread_sleep(const sigset_t *wait_mask, long ms);
 
+/* ---- Whether Wi-Fi is wanted and what the daemon last said (module-internal) ----------------- */
+
+/* Holds the Wi-Fi link lock for its scope: init, disconnect, daemon reports, the daemon restart
+ * and the supervisor's opening of the channel never interleave. First in the lock order. */
+struct WifiLinkLock {
+    WifiLinkLock();
+    ~WifiLinkLock();
+    WifiLinkLock(const WifiLinkLock &) = delete;
+    WifiLinkLock &operator=(const WifiLinkLock &) = delete;
+};
+
+/* The same lock for a Wi-Fi thread: it waits with SIGALRM let in, so that the thread can still be
+ * ended while another holds the lock. Returns with the lock held; release it with
+ * wifi_link_unlock. */
+void wifi_link_lock_from_wifi_thread(const sigset_t *wait_mask);
+void wifi_link_unlock(void);
+
+/* Under the lock: the daemon reported "running" / the link went down (a failure, a stop, a
+ * restart or a disconnect). */
+void hiddemon_report_running(void);
+void hiddemon_report_down(void);
+
+/* Under the lock: 0 unless the daemon's last word was "running", else the number of that report,
+ * so that each "running" report opens the channel once. */
+uint32_t hiddemon_running_report(void);
+
+/* Opens the FIFOs (Socket_Fifo_Init, result returned) and starts the receive thread when none
+ * runs, both under the channel lock, so that a stop finds either no thread or its handle.
+ * `*thread_started` is false when the thread was missing and could not be started. */
+int wifi_channel_start(bool *thread_started);
+
 #endif /* ATCMD_WIFI_WIFI_H */

@@ -43,13 +43,16 @@ void start_client(struct atcmdprocess_device *dev, const char *ip_addr) {
     strcpy(dev->server_ip, ip_addr);  // length checked by the caller
 }
 
-// A status report other than a heartbeat: the link runs, failed, or the daemon stopped.
+// A status report other than a heartbeat: the link runs, failed, or the daemon stopped. The
+// report is recorded before the supervisor is asked to look, so that it acts on the last word.
 void on_daemon_status(const char *status) {
     if (strstr(status, "running") != nullptr) {
+        hiddemon_report_running();
         atcmd_signal_supervisor(ATCMD_SIG_HIDDEMON_RUNNING);
         notify_wifi_state(1);
         return;
     }
+    hiddemon_report_down();
     notify_wifi_state(0);
     if (strstr(status, "error") != nullptr) {
         wifi_Chan_ReInit();
@@ -79,6 +82,7 @@ int atcmdprocess_wifi_init(const char *ip_addr) {
     char sts[PROPERTY_VALUE_MAX] = {};
     property_get("vendor.hid_sts", sts, "");  // read as the daemon's side expects; not used
 
+    WifiLinkLock lock;  // a disconnect running now ends first; the last word wins
     if (platform == PLATFORM_UART) {
         start_client(dev, ip_addr);
     } else if (platform == PLATFORM_VUART) {
@@ -101,6 +105,9 @@ int atcmdprocess_hiddemon_stchange(const char *status) {
         if (heartbeat_count(status, &count)) link_store(g_wifiHBeat_num, count);
         return 0;
     }
+    WifiLinkLock lock;
+    // A disconnect that came while this report waited for the lock has the last word.
+    if (link_load(dev->system_status.wifi_status) != kWifiWanted) return 0;
     ATCMD_LOG(3, "hiddemon status is %s, wifi_status is %d", status,
               link_load(dev->system_status.wifi_status));
     on_daemon_status(status);
@@ -108,11 +115,14 @@ int atcmdprocess_hiddemon_stchange(const char *status) {
 }
 
 // The order is required: the daemon is stopped, then the upper layer told, then the channel
-// closed, then the heartbeat thread ended.
+// closed, then the heartbeat thread ended. All of it runs under the Wi-Fi link lock, so a
+// daemon restart in progress finishes first and none starts until the daemon is stopped.
 int atcmdprocess_wifi_stchange(int32_t state) {
     struct atcmdprocess_device *dev = g_patcmd_dev;
     if (state != kWifiDisconnected) return 0;
     ATCMD_LOG(3, "Get wifi disconnect from FW or Corvel poweroff");
+    WifiLinkLock lock;
+    hiddemon_report_down();
     if (dev != nullptr) {
         link_store(dev->system_status.wifi_status, kWifiDisconnected);
         int32_t wifi_mode = AT_MODE_WIFI;  // a USB cast is left alone
