@@ -430,6 +430,11 @@ bool acc_sim_send(AccSim *s, const std::string &text) {
     return write_line_locked(s, s->port_open ? AccLink::Usb : AccLink::Wifi, with_line_end(text));
 }
 
+bool acc_sim_send_part(AccSim *s, const std::string &text) {
+    std::lock_guard<std::mutex> lock(s->mu);
+    return write_line_locked(s, AccLink::Usb, text);
+}
+
 bool acc_sim_ask(AccSim *s, const std::string &what) {
     for (const Question &q : kQuestions) {
         if (what == q.name) return acc_sim_send(s, q.line);

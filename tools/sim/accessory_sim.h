@@ -65,6 +65,9 @@ void acc_sim_detach_wifi(AccSim *sim);
 // Returns false when no link can carry it yet.
 bool acc_sim_send(AccSim *sim, const std::string &text);
 bool acc_sim_send_on(AccSim *sim, AccLink link, const std::string &text);
+// Writes `text` on the USB link as it stands, with no line end: the start of a line that a
+// pulled cable cuts short.
+bool acc_sim_send_part(AccSim *sim, const std::string &text);
 
 // Questions to the phone by name: "state", "mac", "ver", "wt". False for another name.
 bool acc_sim_ask(AccSim *sim, const std::string &what);
