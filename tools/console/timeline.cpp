@@ -264,13 +264,15 @@ void finish_open() {
 }  // namespace
 
 void timeline_start(int32_t platform, bool links_seen) {
-    std::lock_guard<std::mutex> lock(tl.mu);
-    tl.platform = platform;
-    tl.links_seen = links_seen;
-    trace_write(head("M", "process_name", "", 0, 0) + ",\"args\":{\"name\":\"atcmd_console\"}");
-    for (int track = kUpper; track < kTrackCount; ++track) name_thread(track, kTrackNames[track], track * kLaneStride);
-    count_in_flight_locked(0);
-    trace_set_finisher(finish_open);
+    {
+        std::lock_guard<std::mutex> lock(tl.mu);
+        tl.platform = platform;
+        tl.links_seen = links_seen;
+        trace_write(head("M", "process_name", "", 0, 0) + ",\"args\":{\"name\":\"atcmd_console\"}");
+        for (int track = kUpper; track < kTrackCount; ++track) name_thread(track, kTrackNames[track], track * kLaneStride);
+        count_in_flight_locked(0);
+    }
+    trace_set_finisher(finish_open);  // outside tl.mu: finishing takes its lock before tl.mu
     std::thread(follow_log).detach();
 }
 

@@ -32,7 +32,9 @@ struct TraceFile {
     std::mutex mu;  // guards fd and first; taken after the finisher's own locks
     int fd = -1;
     bool first = true;
-    std::mutex finish_mu;  // held through a whole finish, so that a second caller waits for it
+    // Guards finisher; held through a whole finish, so that a second caller waits for it.
+    // Lock order: finish_mu, then the finisher's own locks, then mu.
+    std::mutex finish_mu;
     void (*finisher)() = nullptr;
 };
 
@@ -98,7 +100,10 @@ void trace_write(const std::string &fields) {
     write_all(t.fd, line.data(), line.size());
 }
 
-void trace_set_finisher(void (*fn)()) { t.finisher = fn; }
+void trace_set_finisher(void (*fn)()) {
+    std::lock_guard<std::mutex> lock(t.finish_mu);
+    t.finisher = fn;
+}
 
 void trace_finish() {
     std::lock_guard<std::mutex> finishing(t.finish_mu);
