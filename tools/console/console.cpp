@@ -21,6 +21,8 @@
 #include <cutils/properties.h>
 
 #include "console/loader.h"
+#include "console/timeline.h"
+#include "console/trace.h"
 #include "hal/hal.h"
 #include "hal/link_words.h"
 #include "sim/accessory_sim.h"
@@ -57,6 +59,7 @@ struct ConsoleState {
     size_t acc_mark = 0;  // lines the accessory had received before the last action
     int failures = 0;
     uint16_t next_seq = kFirstSeq;
+    bool tracing = false;  // written before the module opens, then only read
 };
 
 ConsoleState g;
@@ -104,6 +107,7 @@ void on_message(const AT_CMD_CbMsg_t *msg) {
     const DecodedMessage m = decode_message(msg);
     // Printed before a "wait" can see it, so that a script ending on that wait shows it.
     emit("msg   " + message_text(m), message_json(m));
+    if (g.tracing) timeline_callback(m);
     std::lock_guard<std::mutex> lock(g.msg_mu);
     g.messages.push_back(m);
     g.msg_arrived.notify_all();
@@ -111,17 +115,21 @@ void on_message(const AT_CMD_CbMsg_t *msg) {
 
 void on_acc_event(void *, AccLink link, const char *dir, const std::string &text) {
     const std::string name = link == AccLink::Usb ? "usb" : "wifi";
+    if (g.tracing) timeline_link_line(link, dir, text);
     emit("acc   " + name + " " + dir + " " + text,
          json_event("accessory", jstr("link", name) + "," + jstr("dir", dir) + "," + jstr("text", text)));
 }
 
 void on_daemon_event(void *, const std::string &event) {
+    if (g.tracing) timeline_daemon_event(event);
     emit("dsim  " + event, json_event("daemon", jstr("text", event)));
 }
 
 // The daemon's reports reach the module as the upper layer relays them.
 void on_daemon_report(void *, const std::string &status) {
-    if (g.relay) g.module.dev->atcmdprocess_hiddemon_stchange(status.c_str());
+    if (!g.relay) return;
+    if (g.tracing) timeline_daemon_status(status);
+    g.module.dev->atcmdprocess_hiddemon_stchange(status.c_str());
 }
 
 CommandResult ok(const std::string &text = "") { return {true, text}; }
@@ -142,32 +150,15 @@ int wait_ms(const std::vector<std::string> &w, size_t i) {
     return int_arg(w, i, kDefaultWaitMs) * std::max(1, g.options.wait_scale);
 }
 
-// Fills a record from an AT line as the upper layer would: kind, keyword row, "#seq" and "&flag".
-// False when the keyword is not in the table (cmd_id is then 0).
-bool fill_record(const std::string &line, AtCmder_t *cmd) {
-    const bool request = line.rfind("AT", 0) == 0;
-    const size_t key_at = request ? 2 : 0;
-    const size_t key_end = line.find_first_of("=?#\r", key_at);
-    const std::string keyword = line.substr(key_at, key_end - key_at);
-    const char mark = key_end < line.size() ? line[key_end] : '\r';
-    cmd->type = !request ? AT_TYPE_RESPONSE : mark == '?' ? AT_TYPE_QUERY : mark == '=' ? AT_TYPE_SET : AT_TYPE_EXEC;
-    const int id = message_id(keyword);
-    cmd->cmd_id = static_cast<uint8_t>(id < 0 ? 0 : id);
-    cmd->dest = AT_NODE_ACCESSORY;
-    const size_t hash = line.find('#'), amp = line.find('&');
-    if (hash != std::string::npos) cmd->seq_num = static_cast<uint16_t>(atoi(line.c_str() + hash + 1));
-    if (amp != std::string::npos) cmd->flag = static_cast<uint8_t>(atoi(line.c_str() + amp + 1));
-    return id >= 0;
-}
-
 CommandResult send_line(std::string line) {
     if (line.size() < 2 || line.compare(line.size() - 2, 2, "\r\n") != 0) line += "\r\n";
     if (line.size() >= AT_LINE_BUF_SIZE) return fail("line longer than 159 bytes");
     char buf[AT_LINE_BUF_SIZE] = {};
     memcpy(buf, line.data(), line.size());
     AtCmder_t cmd = {};
-    const bool known = fill_record(line, &cmd);
+    const bool known = record_from_line(line, &cmd);
     cmd.data = buf;
+    if (g.tracing) timeline_request_handed(line, link_load(g.module.dev->system_status.mode));
     g.module.dev->atcmdprocess_cmd_from_hidl(&cmd);
     // A keyword outside the table is sent all the same (a raw line is the person's choice), with
     // cmd_id 0, and said so.
@@ -219,6 +210,7 @@ CommandResult cmd_wifi_state(const std::vector<std::string> &w) {
 CommandResult cmd_daemon(const std::vector<std::string> &w) {
     if (w.size() < 2) return fail("usage: daemon STATUS (running, heartbeat:N, error, ...)");
     const std::string status = rest_of(w, 1);
+    if (g.tracing) timeline_daemon_status(status);
     return ok("hiddemon_stchange: " + std::to_string(g.module.dev->atcmdprocess_hiddemon_stchange(status.c_str())));
 }
 
@@ -384,6 +376,7 @@ CommandResult cmd_summary(const std::vector<std::string> &) {
 
 CommandResult cmd_close(const std::vector<std::string> &) {
     console_say("closing the device: this ends the process");
+    trace_finish();
     g.module.dev->common.close(&g.module.dev->common);
     return fail("the device closed without ending the process");
 }
@@ -439,7 +432,12 @@ void mark_step() {
 
 bool console_start(const ConsoleOptions &options, std::string *error) {
     g.options = options;
+    if (!options.trace.empty() && !trace_open(options.trace, g.started, error)) return false;
     if (!load_module(options.module, options.log_level, &g.module, error)) return false;
+    if (!options.trace.empty()) {
+        timeline_start(g.module.dev->system_status.platform, options.simulators);
+        g.tracing = true;
+    }
     g.module.dev->set_notify_callback(g.module.dev, on_message);
     console_say("module \"" + std::string(g.module.hmi->id) + "\" (" + g.module.hmi->name + ") from " +
                 g.module.path);
@@ -466,7 +464,9 @@ CommandResult console_run(const std::string &line) {
     for (const ConsoleCommand &c : kCommands) {
         if (words[0] != c.name) continue;
         if (c.action) mark_step();
+        if (g.tracing) timeline_command_begin(rest_of(words, 0));
         r = c.run(words);
+        if (g.tracing) timeline_command_end(r.ok);
     }
     if (words[0] == "acc" && words.size() > 1 && words[1] == "help") r = ok(acc_command_help());
     if (!r.ok) g.failures++;
@@ -479,6 +479,7 @@ CommandResult console_run(const std::string &line) {
 }
 
 void console_quit() {
+    trace_finish();
     {
         std::lock_guard<std::mutex> lock(g.out_mu);
         fflush(g.options.out);

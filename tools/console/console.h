@@ -22,6 +22,7 @@ struct ConsoleOptions {
     bool echo_commands = false;
     int log_level = -1;      // set in the module before it opens (-1: leave the module's default)
     int wait_scale = 1;      // multiplies every wait's deadline (slow runs, e.g. under valgrind)
+    std::string trace;       // a trace file to write (JSON Trace Event Format); empty: none
     FILE *out = stdout;      // where the console writes (the module's own prints may go elsewhere)
 };
 

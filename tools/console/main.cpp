@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "console/console.h"
+#include "console/trace.h"
 #include "sim/sim_util.h"
 
 using namespace atcmd_tools;
@@ -35,6 +36,9 @@ void usage(FILE *out) {
             "  --sim           run the accessory and daemon simulators in this process (makes a\n"
             "                  sandbox under /tmp when ATCMD_ROOT is unset)\n"
             "  --json          JSON lines instead of text\n"
+            "  --trace FILE    write a timeline of the run to FILE (JSON Trace Event Format, for\n"
+            "                  a trace viewer): commands, callbacks, each link's lines, a span per\n"
+            "                  watched request; finished on exit, close, and Ctrl-C\n"
             "  --echo          print each command before running it\n"
             "  --log-level N   the module's log level, set before it opens\n"
             "  --wait-scale N  multiply every wait's deadline by N (a slowed-down run, such as\n"
@@ -131,6 +135,7 @@ int main(int argc, char **argv) {
         {"json", no_argument, nullptr, 'j'},         {"echo", no_argument, nullptr, 'e'},
         {"help", no_argument, nullptr, 'h'},         {"module-output", no_argument, nullptr, 'o'},
         {"log-level", required_argument, nullptr, 'l'}, {"wait-scale", required_argument, nullptr, 'w'},
+        {"trace", required_argument, nullptr, 't'},
         {nullptr, 0, nullptr, 0},
     };
     ConsoleOptions options;
@@ -145,6 +150,7 @@ int main(int argc, char **argv) {
         case 'c': commands.push_back(optarg); break;
         case 'o': module_output = true; break;
         case 'l': options.log_level = atoi(optarg); break;
+        case 't': options.trace = optarg; break;
         case 'w':
             options.wait_scale = atoi(optarg);
             if (options.wait_scale < 1) {
@@ -164,6 +170,8 @@ int main(int argc, char **argv) {
         perror("atcmd_console: output");
         return 1;
     }
+    // Before the module and the simulators start their threads, which inherit the signal mask.
+    if (!options.trace.empty()) trace_finish_on_signals();
     std::string error;
     if (!console_start(options, &error)) {
         fprintf(g_err, "atcmd_console: %s\n", error.c_str());

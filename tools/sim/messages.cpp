@@ -6,6 +6,7 @@
 #include "sim/messages.h"
 
 #include <errno.h>
+#include <stdlib.h>
 #include <stdio.h>
 #include <string.h>
 #include <strings.h>
@@ -97,6 +98,22 @@ int message_id(const std::string &name) {
         if (strcasecmp(bare, kRows[id].name) == 0) return id;
     }
     return -1;
+}
+
+bool record_from_line(const std::string &line, AtCmder_t *cmd) {
+    const bool request = line.rfind("AT", 0) == 0;
+    const size_t key_at = request ? 2 : 0;
+    const size_t key_end = line.find_first_of("=?#\r", key_at);
+    const std::string keyword = line.substr(key_at, key_end - key_at);
+    const char mark = key_end < line.size() ? line[key_end] : '\r';
+    cmd->type = !request ? AT_TYPE_RESPONSE : mark == '?' ? AT_TYPE_QUERY : mark == '=' ? AT_TYPE_SET : AT_TYPE_EXEC;
+    const int id = message_id(keyword);
+    cmd->cmd_id = static_cast<uint8_t>(id < 0 ? 0 : id);
+    cmd->dest = AT_NODE_ACCESSORY;
+    const size_t hash = line.find('#'), amp = line.find('&');
+    if (hash != std::string::npos) cmd->seq_num = static_cast<uint16_t>(atoi(line.c_str() + hash + 1));
+    if (amp != std::string::npos) cmd->flag = static_cast<uint8_t>(atoi(line.c_str() + amp + 1));
+    return id >= 0;
 }
 
 DecodedMessage decode_message(const AT_CMD_CbMsg_t *msg) {

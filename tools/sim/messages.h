@@ -1,7 +1,8 @@
 /*
  * How the tools read a notify message: the keyword name of each msg_id and what its `data`
  * points to (integers, a text, the version block, or nothing), decoded into a plain value that
- * can be printed as text or as a JSON object. Pure functions; any thread.
+ * can be printed as text or as a JSON object; and how they read an AT line into a record.
+ * Pure functions; any thread.
  */
 #ifndef ATCMD_TOOLS_SIM_MESSAGES_H
 #define ATCMD_TOOLS_SIM_MESSAGES_H
@@ -31,6 +32,10 @@ struct DecodedMessage {
 const char *message_name(uint16_t msg_id);
 // Message id of a name ("ver", "+VER", "VER", case-insensitive), or -1.
 int message_id(const std::string &name);
+
+// Fills a record from an AT line as the upper layer would: kind, keyword row, "#seq" and
+// "&flag". False when the keyword is not in the table (cmd_id is then 0).
+bool record_from_line(const std::string &line, AtCmder_t *cmd);
 
 // Copies what `msg->data` points to; must run inside the callback.
 DecodedMessage decode_message(const AT_CMD_CbMsg_t *msg);

@@ -1,0 +1,65 @@
+// Draws a console trace (JSON Trace Event Format) as a trace viewer lays it out, for a picture:
+// one row per track (named threads, in their sort order), spans as bars, instants as ticks,
+// global instants as lines across every row, the counter as a step line. Two panels: the whole
+// run, and a window of it. Plain Node, no packages: node trace-picture.js TRACE FROM_MS TO_MS > page.html
+'use strict';
+const fs = require('fs');
+const [traceFile, fromMs, toMs] = process.argv.slice(2);
+const events = JSON.parse(fs.readFileSync(traceFile, 'utf8')).traceEvents;
+
+const names = new Map(), order = new Map();
+for (const e of events.filter((e) => e.ph === 'M')) {
+  if (e.name === 'thread_name') names.set(e.tid, e.args.name);
+  if (e.name === 'thread_sort_index') order.set(e.tid, e.args.sort_index);
+}
+const tids = [...names.keys()].sort((a, b) => order.get(a) - order.get(b));
+const end = Math.max(...events.filter((e) => e.ph !== 'M').map((e) => e.ts + (e.dur || 0)));
+const palette = { request: '#4e79a7', command: '#a0cbe8', timeout: '#e15759' };
+const esc = (s) => String(s).replace(/&/g, '&amp;').replace(/</g, '&lt;');
+
+function panel(title, from, to, width) {
+  const label = 150, rowH = 26, top = 24, counterH = 40;
+  const x = (ts) => label + ((ts - from) / (to - from)) * (width - label - 10);
+  const inside = (e) => e.ts + (e.dur || 0) >= from && e.ts <= to;
+  const rowY = new Map(tids.map((tid, i) => [tid, top + i * rowH]));
+  const height = top + tids.length * rowH + counterH + 10;
+  const out = [`<svg width="${width}" height="${height}" font-family="DejaVu Sans" font-size="11">`,
+    `<text x="4" y="15" font-weight="bold">${esc(title)}</text>`];
+  for (let s = Math.ceil(from / 1e6 * 10) / 10; s * 1e6 <= to; s += (to - from) > 2e6 ? 1 : 0.05) {
+    out.push(`<line x1="${x(s * 1e6)}" x2="${x(s * 1e6)}" y1="${top}" y2="${height}" stroke="#eee"/>`,
+      `<text x="${x(s * 1e6) + 2}" y="${top - 2}" fill="#888">${s.toFixed((to - from) > 2e6 ? 0 : 2)} s</text>`);
+  }
+  for (const tid of tids) {
+    const y = rowY.get(tid);
+    out.push(`<rect x="0" y="${y}" width="${width}" height="${rowH - 2}" fill="${tids.indexOf(tid) % 2 ? '#fafafa' : '#f2f2f2'}"/>`,
+      `<text x="4" y="${y + 16}">${esc(names.get(tid))}</text>`);
+  }
+  for (const e of events.filter((e) => e.ph === 'X' && inside(e) && rowY.has(e.tid))) {
+    const x0 = Math.max(x(e.ts), label), w = Math.max(x(Math.min(e.ts + e.dur, to)) - x0, 2);
+    const fill = e.cat === 'request' && /-110/.test(e.name) ? palette.timeout : palette[e.cat] || '#bbb';
+    out.push(`<rect x="${x0}" y="${rowY.get(e.tid) + 3}" width="${w}" height="${rowH - 8}" fill="${fill}"><title>${esc(e.name)}</title></rect>`);
+    if (w > 60) out.push(`<text x="${x0 + 3}" y="${rowY.get(e.tid) + 16}" fill="${e.cat === 'command' ? '#000' : '#fff'}">${esc(e.name.slice(0, Math.floor(w / 6.5)))}</text>`);
+  }
+  let globals = 0;
+  for (const e of events.filter((e) => e.ph === 'i' && inside(e))) {
+    if (e.s === 'g') {
+      const y = top + rowH * tids.length - 4 - (globals++ % 3) * 11;
+      out.push(`<line x1="${x(e.ts)}" x2="${x(e.ts)}" y1="${top}" y2="${height - counterH}" stroke="#f28e2b" stroke-dasharray="3,2"/>`,
+        `<text x="${x(e.ts) + 2}" y="${y}" fill="#c05a00" font-size="10">${esc(e.name)}</text>`);
+    } else if (rowY.has(e.tid)) {
+      const y = rowY.get(e.tid);
+      out.push(`<path d="M${x(e.ts)},${y + 3} l4,8 l-4,8 l-4,-8 z" fill="${e.cat === 'resend' ? '#f1ce63' : '#59a14f'}" stroke="#333" stroke-width="0.5"><title>${esc(e.name)}</title></path>`);
+    }
+  }
+  const counter = events.filter((e) => e.ph === 'C').sort((a, b) => a.ts - b.ts);
+  const base = height - 10, max = Math.max(1, ...counter.map((e) => e.args.requests));
+  let d = `M${label},${base}`;
+  for (const e of counter) d += ` H${Math.min(Math.max(x(e.ts), label), width - 10)} V${base - (e.args.requests / max) * (counterH - 12)}`;
+  out.push(`<text x="4" y="${base - 8}">requests in flight</text>`, `<path d="${d} H${width - 10}" fill="none" stroke="#76b7b2" stroke-width="2"/>`);
+  return out.concat('</svg>').join('\n');
+}
+
+process.stdout.write(`<!doctype html><html><body style="margin:4px;background:#fff">
+${panel(`${traceFile.split('/').pop()}: the whole demonstration`, 0, end, 1400)}
+${panel(`${fromMs} to ${toMs} ms: plug, start-up queries, the unanswered query (resent twice, then -110)`, fromMs * 1000, toMs * 1000, 1400)}
+</body></html>\n`);
