@@ -8,6 +8,7 @@
  */
 #include <fcntl.h>
 #include <signal.h>
+#include <stdarg.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -59,9 +60,12 @@ struct Row {
 };
 std::vector<Row> g_rows;
 
-std::string fmt(const char *format, double a, double b = 0) {
+__attribute__((format(printf, 1, 2))) std::string fmt(const char *format, ...) {
     char text[128];
-    snprintf(text, sizeof text, format, a, b);
+    va_list ap;
+    va_start(ap, format);
+    vsnprintf(text, sizeof text, format, ap);
+    va_end(ap);
     return text;
 }
 
@@ -338,7 +342,7 @@ void measure_idle(int seconds) {
         g_rows.push_back({"idle opened module: wake-ups",
                           fmt("%.1f /s", static_cast<double>(after.switches - before.switches) / seconds),
                           "no periodic", ""});
-        g_rows.push_back({"opened module: resident memory", fmt("%.0f KiB", rss_kib(child)), "", ""});
+        g_rows.push_back({"opened module: resident memory", fmt("%ld KiB", rss_kib(child)), "", ""});
     }
     kill(child, SIGKILL);
     waitpid(child, nullptr, 0);

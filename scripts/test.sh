@@ -1,12 +1,23 @@
 #!/usr/bin/env bash
-# Builds the module and runs every test three times: a normal build, AddressSanitizer with
-# UndefinedBehaviorSanitizer, and ThreadSanitizer. Each test case runs in its own process.
-# Then each fuzz target runs for a few seconds (clang build in build-fuzz/, scripts/fuzz.sh).
+# Checks Android.bp, builds the module and runs every test three times: a normal build,
+# AddressSanitizer with UndefinedBehaviorSanitizer, and ThreadSanitizer. Each test case runs in
+# its own process. Then each fuzz target runs for a few seconds (clang build in build-fuzz/,
+# scripts/fuzz.sh), and last the plain suite is built for 64-bit and 32-bit ARM and run under
+# qemu-user (scripts/cross-test.sh).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
 scripts/install-deps.sh
 jobs=$(nproc)
+
+# Android.bp must parse and be written as bpfmt writes it.
+echo "==== Android.bp (bpfmt -d) ===="
+bp_diff=$(bpfmt -d Android.bp)
+if [ -n "$bp_diff" ]; then
+  echo "$bp_diff"
+  echo "Android.bp is not in bpfmt's form (bpfmt -w Android.bp rewrites it)"
+  exit 1
+fi
 
 run_suite() {
   local dir=$1 sanitize=$2
@@ -21,3 +32,6 @@ run_suite build-asan "address,undefined"
 run_suite build-tsan "thread"
 echo "all three test runs passed"
 scripts/fuzz.sh "${ATCMD_FUZZ_SECONDS:-10}"
+scripts/cross-test.sh arm64
+scripts/cross-test.sh armhf
+echo "native, sanitizer, fuzz and ARM runs passed"

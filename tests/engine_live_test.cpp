@@ -15,10 +15,11 @@
 
 using namespace atcmd_test;
 
-static long clock_within(long from_us, long to_us) {  // waits until that far into a second
+// Microseconds since the epoch: 64 bits, which a 32-bit target's long cannot hold.
+static int64_t clock_within(long from_us, long to_us) {  // waits until that far into a second
     struct timeval tv;
     wait_until([&] { return !gettimeofday(&tv, nullptr) && tv.tv_usec >= from_us && tv.tv_usec < to_us; }, 2000);
-    return tv.tv_sec * 1000000L + tv.tv_usec;
+    return static_cast<int64_t>(tv.tv_sec) * 1000000 + tv.tv_usec;
 }
 
 class EngineLiveTest : public ::testing::Test {
@@ -56,10 +57,10 @@ TEST_F(EngineLiveTest, UnansweredRequestIsResentFirstWhenTheSecondTurnsThenTwice
     int32_t fd = -1;  // published whole: the live hotplug's unplug at tear-down reads it
     ASSERT_EQ(VUART_init(&fd, 3), 0);
     link_store(g_vuart_fd, fd);
-    const long start = clock_within(940000, 960000);
+    const int64_t start = clock_within(940000, 960000);
     send("AT+VER?#5&1\r\n", AT_MSG_VER, 5, 1);
     ASSERT_EQ(read_copies("AT+VER?#5&1\r\n", 2), "AT+VER?#5&1\r\nAT+VER?#5&1\r\n");
-    const long resent = clock_within(0, 1000000);  // not after 100 ms, but as the second turned
+    const int64_t resent = clock_within(0, 1000000);  // not after 100 ms, but as the second turned
     EXPECT_EQ(resent / 1000000, start / 1000000 + 1);
     EXPECT_LT(resent - start, 100000);
     EXPECT_EQ(read_copies("AT+VER?#5&1\r\n", 1), "AT+VER?#5&1\r\n");

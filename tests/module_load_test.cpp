@@ -49,7 +49,7 @@ TEST(ModuleLoadTest, LoadsThroughHmiOpensAndLogsIntoTheSandbox) {
     // The console is a process of its own: hand it the same race suppressions as the tests.
     setenv("TSAN_OPTIONS", "suppressions=" ATCMD_TSAN_SUPPRESSIONS, 1);
     int status = -1;
-    const std::string out = run(std::string("'") + ATCMD_BIN_DIR + "/atcmd_console' --json --module '" +
+    const std::string out = run(std::string(ATCMD_TOOL_RUNNER "'") + ATCMD_BIN_DIR + "/atcmd_console' --json --module '" +
                                     ATCMD_MODULE_PATH + "' -c 'send AT+VER?#11&1; wait ERROR 10000' 2>&1",
                                 &status);
     ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << out;

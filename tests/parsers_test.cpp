@@ -187,3 +187,26 @@ TEST_F(ParsersTest, TypeSetsTheModelAndSystemActionsGoThroughProperties) {
         EXPECT_EQ(sb.property("sys.powerctl"), "shutdown");
     }
 }
+
+// Each row's value log: the words come from the row, the numbers from the line (a list ends
+// where the next log line starts, "["), and the extremes of a 32-bit value print the same on
+// 64-bit and 32-bit targets.
+TEST_F(ParsersTest, ValueLogsPrintTheRowsWordsAndTheLinesNumbers) {
+    bare_device(P1);
+    const auto idx = [](int row) { return ", cmdIDX is " + std::to_string(row); };
+    const std::vector<std::pair<std::string, std::string>> rows = {
+        {"+REBOOT=-2147483648#1&1\r\n", "REBOOT_parser state is -2147483648" + idx(AT_MSG_REBOOT)},
+        {"+SCREEN=2147483647\r\n", "corvel screen value is 2147483647" + idx(AT_MSG_SCREEN)},
+        {"+BKL=80#7&1\r\n", "BKL_parser backlight is 80" + idx(AT_MSG_BKL) + ", seq num is 7"},
+        {"+BAT=1,-2,3,4,5,2147483647\r\n", "batinfo: 1, -2, 3, 4, 5, 2147483647["},
+        {"+ACC=-5,10,980\r\n", "Accinfo: -5, 10, 980["},
+        {"+HRM=30,-31\r\n", "Board temperature info: 30, -31["},
+        {"+BLEMAC=CC:DD#8&1\r\n", "BLEMAC is CC:DD" + idx(AT_MSG_BLEMAC)},
+        {"+SID=S1#2&1\r\n", "SID_parser source is 3, idx is " + std::to_string(AT_MSG_SID) +
+                                " data is +SID=S1#2&1\r\n, sid is S1"},
+    };
+    for (const auto &[line, logged] : rows) {
+        run(line);
+        EXPECT_NE(log.find(logged), npos) << line << "\n" << log;
+    }
+}

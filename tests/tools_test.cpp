@@ -248,7 +248,7 @@ std::string run_console(const std::string &args, const std::string &script, int 
     write_file(script_path, script);
     // The console is a process of its own: hand it the test processes' sanitizer settings.
     setenv("TSAN_OPTIONS", "report_signal_unsafe=0 suppressions=" ATCMD_TSAN_SUPPRESSIONS, 1);
-    return run("'" ATCMD_BIN_DIR "/atcmd_console' --module '" ATCMD_MODULE_PATH "' " + args + " '" +
+    return run(ATCMD_TOOL_RUNNER "'" ATCMD_BIN_DIR "/atcmd_console' --module '" ATCMD_MODULE_PATH "' " + args + " '" +
                    script_path + "'", exit_code);
 }
 
@@ -390,14 +390,15 @@ TEST(ConsoleTest, CommandLineDrivesTheDeviceOperationsPropertyStoreAndRecords) {
 TEST(ToolsCliTest, HelpRunsAndBadSetUpIsRefusedWithAReason) {
     Sandbox sb;
     const std::string bin = "'" ATCMD_BIN_DIR "/";
+    const std::string start = ATCMD_TOOL_RUNNER + bin;  // a program run, not named as a file
     const std::tuple<std::string, int, const char *> cases[] = {
-        {bin + "atcmd_console' --help", 0, "usage: atcmd_console"},
-        {bin + "atcmd_accessory_sim' --help", 0, "ask state|mac|ver|wt"},
-        {bin + "atcmd_daemon_sim' --help", 0, "vendor.hid_cmd"},
-        {bin + "atcmd_console' --module /nonexistent/atcmdprocess.default.so -c status", 1, "no atcmdprocess.default.so found"},
-        {bin + "atcmd_console' --module " + bin + "atcmd_daemon_sim' -c status", 1, "dlopen"},
-        {"env -u ATCMD_ROOT " + bin + "atcmd_accessory_sim' </dev/null", 2, "ATCMD_ROOT is not set"},
-        {bin + "atcmd_accessory_sim' --set colour=red </dev/null", 2, "bad --set \"colour=red\""},
+        {start + "atcmd_console' --help", 0, "usage: atcmd_console"},
+        {start + "atcmd_accessory_sim' --help", 0, "ask state|mac|ver|wt"},
+        {start + "atcmd_daemon_sim' --help", 0, "vendor.hid_cmd"},
+        {start + "atcmd_console' --module /nonexistent/atcmdprocess.default.so -c status", 1, "no atcmdprocess.default.so found"},
+        {start + "atcmd_console' --module " + bin + "atcmd_daemon_sim' -c status", 1, "dlopen"},
+        {"env -u ATCMD_ROOT " + start + "atcmd_accessory_sim' </dev/null", 2, "ATCMD_ROOT is not set"},
+        {start + "atcmd_accessory_sim' --set colour=red </dev/null", 2, "bad --set \"colour=red\""},
     };
     for (const auto &[command, exit_code, says] : cases) {
         EXPECT_NE(run(command, exit_code).find(says), std::string::npos) << command;

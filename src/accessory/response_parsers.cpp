@@ -127,7 +127,8 @@ struct ValueRow {
     uint32_t invalid_status;
     Relay relay;
     Action after;            // after the notice, or null
-    const char *value_log;   // fixed format of (long value, int cmdIDX, int seq num), or null
+    const char *value_name;  // "<name> is <value>, cmdIDX is <row>" is logged, unless null
+    bool log_seq;            // that line ends with ", seq num is <n>"
     const char *invalid;     // logged when there is no value
 };
 
@@ -145,9 +146,13 @@ uint32_t parse_value(const ValueRow &row, AtCmder_t *cmd, const char *parser) {
         PARSER_LOG(0, "%s", row.invalid);
         return row.invalid_status;
     }
-    if (row.value_log != nullptr) {
-        PARSER_LOG(kValueLevel, row.value_log, static_cast<long>(value),
-                  static_cast<int>(cmd->cmd_id), static_cast<int>(cmd->seq_num));
+    if (row.value_name != nullptr && row.log_seq) {
+        PARSER_LOG(kValueLevel, "%s is %ld, cmdIDX is %d, seq num is %d", row.value_name,
+                   static_cast<long>(value), static_cast<int>(cmd->cmd_id),
+                   static_cast<int>(cmd->seq_num));
+    } else if (row.value_name != nullptr) {
+        PARSER_LOG(kValueLevel, "%s is %ld, cmdIDX is %d", row.value_name,
+                   static_cast<long>(value), static_cast<int>(cmd->cmd_id));
     }
     notify_up(row.msg_id, cmd, &value);
     relay_to_peer(cmd, row.relay);
@@ -170,32 +175,32 @@ constexpr uint8_t kToP2 = AT_NODE_PLATFORM2;
 // name and the three rows that share "Invalid BT cmd!".
 // clang-format off
 //                                row              first log as    dest       idle on 2, status
-//  relay     after the notice   value log                                   failure text
+//  relay     after the notice   value named in the log, with seq num       failure text
 constexpr ValueRow kReboot   = {AT_MSG_REBOOT,   nullptr,        kKeepDest, false, kNoValue,
-    kNoRelay, nullptr,       "REBOOT_parser state is %ld, cmdIDX is %d", "Invalid  reboot cmd!"};
+    kNoRelay, nullptr,       "REBOOT_parser state", false, "Invalid  reboot cmd!"};
 constexpr ValueRow kPoweroff = {AT_MSG_POWEROFF, "RESET_parser", kKeepDest, false, kParsed,
-    kNoRelay, usb_link_lost, "corvel reset value is %ld, cmdIDX is %d", "Invalid POWEROFF cmd!"};
+    kNoRelay, usb_link_lost, "corvel reset value", false, "Invalid POWEROFF cmd!"};
 constexpr ValueRow kReset    = {AT_MSG_RESET,    nullptr,        kKeepDest, false, kParsed,
-    kNoRelay, nullptr,       "corvel reset value is %ld, cmdIDX is %d", "Invalid reset cmd!"};
+    kNoRelay, nullptr,       "corvel reset value", false, "Invalid reset cmd!"};
 constexpr ValueRow kScreen   = {AT_MSG_SCREEN,   nullptr,        kKeepDest, false, kParsed,
-    kRelay,   nullptr,       "corvel screen value is %ld, cmdIDX is %d", "Invalid SCREEN cmd!"};
+    kRelay,   nullptr,       "corvel screen value", false, "Invalid SCREEN cmd!"};
 constexpr ValueRow kMicmode  = {AT_MSG_MICMODE,  nullptr,        kKeepDest, false, kParsed,
-    kNoRelay, nullptr,       "micmode value is %ld, cmdIDX is %d", "Invalid micmode cmd!"};
+    kNoRelay, nullptr,       "micmode value", false, "Invalid micmode cmd!"};
 constexpr ValueRow kWifi     = {AT_MSG_WIFI,     nullptr,        kKeepDest, true,  kParsed,
-    kNoRelay, nullptr,       "WIFI value is %ld, cmdIDX is %d", "Invalid WIFI cmd!"};
+    kNoRelay, nullptr,       "WIFI value", false, "Invalid WIFI cmd!"};
 constexpr ValueRow kBt       = {AT_MSG_BT,       nullptr,        kToP2,     true,  kParsed,
-    kNoRelay, nullptr,       "BT value is %ld, cmdIDX is %d", "Invalid BT cmd!"};
+    kNoRelay, nullptr,       "BT value", false, "Invalid BT cmd!"};
 constexpr ValueRow kError    = {AT_MSG_ERROR,    nullptr,        kKeepDest, false, kNoValue,
-    kRelay,   nullptr,       "ERROR_parser state is %ld, cmdIDX is %d", "Invalid  error cmd!"};
+    kRelay,   nullptr,       "ERROR_parser state", false, "Invalid  error cmd!"};
 constexpr ValueRow kBkl      = {AT_MSG_BKL,      nullptr,        kKeepDest, false, kParsed,
-    kNoRelay, nullptr,       "BKL_parser backlight is %ld, cmdIDX is %d, seq num is %d",
+    kNoRelay, nullptr,       "BKL_parser backlight", true,
     "Invalid backlight information!"};
 constexpr ValueRow kMode     = {AT_MSG_MODE,     nullptr,        kToP2,     false, kParsed,
-    kNoRelay, nullptr,       "Mode value is %ld, cmdIDX is %d", "Invalid BT cmd!"};
+    kNoRelay, nullptr,       "Mode value", false, "Invalid BT cmd!"};
 constexpr ValueRow kLight    = {AT_MSG_LIGHT,    nullptr,        kToP2,     false, kParsed,
-    kNoRelay, nullptr,       "Light value is %ld, cmdIDX is %d", "Invalid BT cmd!"};
+    kNoRelay, nullptr,       "Light value", false, "Invalid BT cmd!"};
 constexpr ValueRow kTest     = {AT_MSG_TEST,     nullptr,        kToP2,     false, kParsed,
-    kNoRelay, nullptr,       nullptr, "Invalid Test cmd!"};
+    kNoRelay, nullptr,       nullptr, false, "Invalid Test cmd!"};
 // clang-format on
 
 // ---- Rows with a list of integers -------------------------------------------------------------
@@ -206,9 +211,23 @@ struct NumbersRow {
     uint8_t msg_id;
     NumbersFn extract;
     Relay relay;
-    const char *value_log;  // reads up to six ints, the list in order
+    uint8_t count;          // numbers the extractor fills
+    const char *value_name; // "<name>: <n>, <n>, ..." is logged
     const char *invalid;
 };
+
+// The numbers as the value log shows them, ", " between them.
+void log_numbers(const char *parser, const NumbersRow &row, const int32_t *v) {
+    char list[kMaxNumbers * 13] = "";  // "-2147483648, " each
+    size_t at = 0;
+    for (size_t i = 0; i < row.count && at < sizeof list; ++i) {
+        const int n = snprintf(list + at, sizeof list - at, i == 0 ? "%d" : ", %d",
+                               static_cast<int>(v[i]));
+        if (n < 0) break;
+        at += static_cast<size_t>(n);
+    }
+    PARSER_LOG(kValueLevel, "%s: %s", row.value_name, list);
+}
 
 uint32_t parse_numbers(const NumbersRow &row, AtCmder_t *cmd, const char *parser) {
     if (!usable(cmd, parser)) return kParsed;
@@ -218,28 +237,26 @@ uint32_t parse_numbers(const NumbersRow &row, AtCmder_t *cmd, const char *parser
         PARSER_LOG(0, "%s", row.invalid);
         return kParsed;
     }
-    PARSER_LOG(kValueLevel, row.value_log, v[0], v[1], v[2], v[3], v[4], v[5]);
+    log_numbers(parser, row, v.data());
     notify_up(row.msg_id, cmd, v.data());
     relay_to_peer(cmd, row.relay);
     return kParsed;
 }
 
 // The BAT, BATCG and HRM failure texts are the ones the log vocabulary has always used.
-constexpr const char kBatLog[] = "batinfo: %d, %d, %d, %d, %d, %d";
-constexpr const char kHallLog[] = "hallInfo: %d, %d, %d";
 // clang-format off
 constexpr NumbersRow kBat    = {AT_MSG_BAT,    getBatinfo_fromCmdString,  {true, AT_MSG_BAT},
-                                kBatLog, "Invalid BT MAC info!"};
+                                6, "batinfo", "Invalid BT MAC info!"};
 constexpr NumbersRow kHall   = {AT_MSG_HALL,   getHALLinfo_fromCmdString, kNoRelay,
-                                kHallLog, "Invalid hallInfo!"};
+                                3, "hallInfo", "Invalid hallInfo!"};
 constexpr NumbersRow kBatcg  = {AT_MSG_BATCG,  getBatinfo_fromCmdString,  {true, AT_MSG_BATCG},
-                                kBatLog, "Invalid BT MAC info!"};
+                                6, "batinfo", "Invalid BT MAC info!"};
 constexpr NumbersRow kAcc    = {AT_MSG_ACC,    getACCinfo_fromCmdString,  kNoRelay,
-                                "Accinfo: %d, %d, %d", "Invalid AccInfo!"};
+                                3, "Accinfo", "Invalid AccInfo!"};
 constexpr NumbersRow kHallcg = {AT_MSG_HALLCG, getHALLinfo_fromCmdString, kRelay,
-                                kHallLog, "Invalid hallInfo!"};
+                                3, "hallInfo", "Invalid hallInfo!"};
 constexpr NumbersRow kHrm    = {AT_MSG_HRM,    getTmpinfo_fromCmdString,  kRelay,
-                                "Board temperature info: %d, %d", "Invalid hallInfo!"};
+                                2, "Board temperature info", "Invalid hallInfo!"};
 // clang-format on
 
 // ---- Rows with a text kept in the accessory record ------------------------------------------
@@ -247,8 +264,8 @@ constexpr NumbersRow kHrm    = {AT_MSG_HRM,    getTmpinfo_fromCmdString,  kRelay
 using DevInfoText = char (corvel_devInfo_t::*)[32];
 
 enum class TextLog : uint8_t {
-    Short,      // reads (text, int cmdIDX)
-    WithEntry,  // reads (unsigned source, unsigned idx, line, text)
+    Short,      // "<name> is <text>, cmdIDX is <row>"
+    WithEntry,  // "<parser> source is <n>, idx is <row> data is <line>, <name> is <text>"
 };
 
 struct RecordTextRow {
@@ -259,17 +276,19 @@ struct RecordTextRow {
     int32_t notify_platform;  // notify only on this platform; 0 on every platform
     Action after;
     TextLog log_form;
-    const char *value_log;
+    const char *value_name;
     const char *invalid;
 };
 
 void log_text_value(const char *parser, const RecordTextRow &row, const AtCmder_t *cmd,
                     const char *text) {
     if (row.log_form == TextLog::Short) {
-        PARSER_LOG(kValueLevel, row.value_log, text, static_cast<int>(cmd->cmd_id));
+        PARSER_LOG(kValueLevel, "%s is %s, cmdIDX is %d", row.value_name, text,
+                   static_cast<int>(cmd->cmd_id));
     } else {
-        PARSER_LOG(kValueLevel, row.value_log, static_cast<unsigned>(cmd->source),
-                  static_cast<unsigned>(cmd->cmd_id), cmd->data, text);
+        PARSER_LOG(kValueLevel, "%s source is %u, idx is %u data is %s, %s is %s", parser,
+                   static_cast<unsigned>(cmd->source), static_cast<unsigned>(cmd->cmd_id),
+                   cmd->data, row.value_name, text);
     }
 }
 
@@ -320,18 +339,15 @@ constexpr TextLog kShort = TextLog::Short, kWithEntry = TextLog::WithEntry;
 // clang-format off
 //                                 row            entry  field                    query answer
 constexpr RecordTextRow kBtmac  = {AT_MSG_BTMAC,  true,  kMac,                    send_bt_mac,
-    PLATFORM_UART,  nullptr,      kShort,     "BTMAC is %s, cmdIDX is %d", "Invalid BT MAC info!"};
+    PLATFORM_UART,  nullptr,      kShort,     "BTMAC", "Invalid BT MAC info!"};
 constexpr RecordTextRow kBlemac = {AT_MSG_BLEMAC, true,  kMac,                    send_bt_mac,
-    PLATFORM_VUART, nullptr,      kShort,     "BLEMAC is %s, cmdIDX is %d", "Invalid BT MAC info!"};
+    PLATFORM_VUART, nullptr,      kShort,     "BLEMAC", "Invalid BT MAC info!"};
 constexpr RecordTextRow kSn     = {AT_MSG_SN,     false, &corvel_devInfo_t::sn,   nullptr,
-    0,              nullptr,      kWithEntry, "SN_parser source is %u, idx is %u data is %s, "
-                                              "corvel_sn is %s", "Invalid SN Info!"};
+    0,              nullptr,      kWithEntry, "corvel_sn",  "Invalid SN Info!"};
 constexpr RecordTextRow kSid    = {AT_MSG_SID,    true,  &corvel_devInfo_t::sid,  nullptr,
-    0,              nullptr,      kWithEntry, "SID_parser source is %u, idx is %u data is %s, "
-                                              "sid is %s", "Invalid SID Info!"};
+    0,              nullptr,      kWithEntry, "sid",        "Invalid SID Info!"};
 constexpr RecordTextRow kType   = {AT_MSG_TYPE,   true,  &corvel_devInfo_t::type, nullptr,
-    0,              decide_model, kWithEntry, "TYPE_parser source is %u, idx is %u data is %s, "
-                                              "type is %s", "Invalid TYPE Info!"};
+    0,              decide_model, kWithEntry, "type",       "Invalid TYPE Info!"};
 // clang-format on
 
 // ---- Rows with a text that lives only for the notice ------------------------------------------

@@ -34,13 +34,13 @@ struct WiredLink {
     int (*send)(int32_t fd, const char *buf, size_t len);
     uint32_t closed_status;
     const char *not_open;     // error line when the descriptor is -1
-    const char *sent_format;  // with the length (%zu) and the text (%s)
+    const char *sent;         // followed by the length and ", data is " and the text
 };
 
 constexpr WiredLink kUart = {&g_uart_fd, UART_Send, ATCMDER_TX_UART_CLOSED, "uart is not open",
-                             "uart successfully send cmd data len %zu, data is %s"};
+                             "uart successfully send cmd data len "};
 constexpr WiredLink kVuart = {&g_vuart_fd, VUART_Send, ATCMDER_TX_VUART_CLOSED, "Vuart is not open",
-                              "Vuart successfully send cmd len is %zu, data is %s"};
+                              "Vuart successfully send cmd len is "};
 
 uint32_t send_wired(const WiredLink &link, const char *text) {
     const int32_t fd = link_load(*link.fd);  // the supervisor replaces it on plug and unplug
@@ -50,7 +50,7 @@ uint32_t send_wired(const WiredLink &link, const char *text) {
     }
     const size_t len = strlen(text);
     link.send(fd, text, len);  // a failed send is left to the time-out and resend
-    ATCMD_LOG_AS("atcmder_Tx_process", LOG_TAG, 4, link.sent_format, len, text);
+    ATCMD_LOG_AS("atcmder_Tx_process", LOG_TAG, 4, "%s%zu, data is %s", link.sent, len, text);
     return ATCMDER_TX_OK;
 }
 

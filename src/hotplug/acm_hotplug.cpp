@@ -57,7 +57,7 @@ void close_and_clear(int *fd) {
 }
 
 // The plug signal for port `n`: its number is recorded first so the supervisor opens it.
-void announce_plug(long n) {
+void announce_plug(int32_t n) {
     link_store(g_dev_ACM, n);
     atcmd_signal_supervisor(ATCMD_SIG_PLUG);
 }

@@ -14,7 +14,7 @@ ATCMD_EXPORTS_BEGIN
 
 extern int32_t g_uart_fd;  /* "/dev/ttyS4", -1 while closed */
 extern int32_t g_vuart_fd; /* the accessory's ACM port, -1 while closed */
-extern long g_dev_ACM;     /* n of "/dev/ttyACM" + n, -1 until found */
+extern int32_t g_dev_ACM;  /* n of "/dev/ttyACM" + n, -1 until found; 32 bits on every target */
 
 int32_t UART_setOpt(int32_t fd, int32_t speed, int32_t data_bits, char parity, int32_t stop_bits);
 int32_t VUART_setOpt(int32_t fd, int32_t speed, int32_t data_bits, char parity,

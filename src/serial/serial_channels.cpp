@@ -21,7 +21,7 @@
 
 int32_t g_uart_fd = -1;
 int32_t g_vuart_fd = -1;
-long g_dev_ACM = -1;
+int32_t g_dev_ACM = -1;
 
 namespace {
 
@@ -36,39 +36,43 @@ constexpr size_t kVuartPathSize = 16;
 
 constexpr int kPortOpenFlags = O_RDWR | O_NOCTTY | O_NDELAY | O_CLOEXEC;
 
-// What differs between the two sets once the port is open. Every format of a row takes the same
-// arguments as its counterpart; the UART's "opened" text does not print the descriptor.
+// What differs between the two sets once the port is open. The formats themselves are written
+// at the call sites, so the compiler checks them against their arguments on every target; the
+// rows hold only the words that differ.
 struct Channel {
     const char *init_name;  // the initialiser whose name the log lines carry
     const char *tag;
     int32_t (*set_opt)(int32_t, int32_t, int32_t, char, int32_t);
-    const char *fcntl_fmt;      // (result of fcntl)
-    const char *not_a_tty;      // no arguments
-    const char *opened_fmt;     // (descriptor)
-    const char *set_opt_error;  // no arguments
-    const char *ready_fmt;      // (path as written, descriptor)
+    const char *fcntl_end;      // what follows the fcntl result
+    const char *not_a_tty;
+    const char *opened;         // the descriptor follows, then "!", when opened_shows_fd
+    bool opened_shows_fd;
+    const char *set_opt_error;
+    const char *link_name;      // "Init <link> <path> successfully, <link> fd is <fd> "
 };
 
 constexpr Channel kUart = {
     "UART_init",
     ATCMD_UART_TAG,
     UART_setOpt,
-    "serial fcntl=%d",
+    "",
     "serial standard input is not a terminal device\n",
     "serial open success!",
+    false,
     "serial Set opt Error\n",
-    "Init uart %s successfully, uart fd is %d ",
+    "uart",
 };
 
 constexpr Channel kVuart = {
     "VUART_init",
     ATCMD_VUART_TAG,
     VUART_setOpt,
-    "serial fcntl=%d\n",
+    "\n",
     "serial standard input is not a terminal device!",
-    "serial open successfully, vuart fd is %d!",
+    "serial open successfully, vuart fd is ",
+    true,
     "Vserial Set opt Error!",
-    "Init Vuart %s successfully, Vuart fd is %d ",
+    "Vuart",
 };
 
 int open_port(const char *as_written) { return atcmd_open_rooted(as_written, kPortOpenFlags); }
@@ -80,14 +84,18 @@ int configure_port(const Channel &ch, const char *as_written, int32_t fd) {
     if (fcntl(fd, F_SETFL, 0) < 0) {
         ATCMD_LOG_AS(ch.init_name, ch.tag, 4, "serial fcntl failed!");
     } else {
-        ATCMD_LOG_AS(ch.init_name, ch.tag, 4, ch.fcntl_fmt, fcntl(fd, F_SETFL, 0));
+        ATCMD_LOG_AS(ch.init_name, ch.tag, 4, "serial fcntl=%d%s", fcntl(fd, F_SETFL, 0), ch.fcntl_end);
     }
     if (!isatty(fd)) {
         ATCMD_LOG_AS(ch.init_name, ch.tag, 4, "%s", ch.not_a_tty);
         close(fd);
         return -1;
     }
-    ATCMD_LOG_AS(ch.init_name, ch.tag, 4, ch.opened_fmt, fd);
+    if (ch.opened_shows_fd) {
+        ATCMD_LOG_AS(ch.init_name, ch.tag, 4, "%s%d!", ch.opened, fd);
+    } else {
+        ATCMD_LOG_AS(ch.init_name, ch.tag, 4, "%s", ch.opened);
+    }
     if (ch.set_opt(fd, kLineSpeed, kLineDataBits, kLineParity, kLineStopBits) == -1) {
         ATCMD_LOG_AS(ch.init_name, ch.tag, 4, "%s", ch.set_opt_error);
         close(fd);
@@ -95,7 +103,8 @@ int configure_port(const Channel &ch, const char *as_written, int32_t fd) {
     }
     tcflush(fd, TCIOFLUSH);
     fcntl(fd, F_SETFL, 0);
-    ATCMD_LOG_AS(ch.init_name, ch.tag, 3, ch.ready_fmt, as_written, fd);
+    ATCMD_LOG_AS(ch.init_name, ch.tag, 3, "Init %s %s successfully, %s fd is %d ", ch.link_name,
+                 as_written, ch.link_name, fd);
     return 0;
 }
 

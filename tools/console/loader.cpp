@@ -15,8 +15,13 @@ namespace atcmd_tools {
 namespace {
 
 constexpr const char kModuleFile[] = ATCMDPROCESS_HARDWARE_MODULE_ID ".default.so";
-constexpr const char *kPlatformDirs[] = {"/vendor/lib64/hw", "/system/lib64/hw", "/vendor/lib/hw",
-                                         "/system/lib/hw"};
+// The platform's hardware directories for this process's own word size: a 32-bit console on a
+// 64-bit phone would fail to load the lib64 module and never reach its own.
+#ifdef __LP64__
+constexpr const char *kPlatformDirs[] = {"/vendor/lib64/hw", "/system/lib64/hw"};
+#else
+constexpr const char *kPlatformDirs[] = {"/vendor/lib/hw", "/system/lib/hw"};
+#endif
 
 std::string tool_dir() {
     char exe[PATH_MAX];

@@ -112,10 +112,14 @@ void wake_thread(AccSim *s) { poke_pipe(s->wake[1]); }
 
 int link_fd(AccSim *s, AccLink link) { return link == AccLink::Usb ? s->master : s->wifi_out; }
 
-// Writes one whole line on a link; with `split` set it goes out in three pieces.
+// Writes one whole line on a link; with `split` set it goes out in three pieces. The line is
+// told to the observer before it is written: the module may parse it and call back before this
+// thread runs again (a slow or emulated machine shows that), and an observer that prints both
+// must show the line before what it caused.
 bool write_line_locked(AccSim *s, AccLink link, const std::string &line) {
     const int fd = link_fd(s, link);
     if (fd < 0 || (link == AccLink::Usb && !s->port_open)) return false;
+    note(s, link, "->", trim_line_end(line));
     const size_t piece = s->split ? (line.size() + 2) / 3 : line.size();
     for (size_t at = 0; at < line.size(); at += piece) {
         if (at != 0) std::this_thread::sleep_for(std::chrono::milliseconds(kSplitPauseMs));
@@ -125,7 +129,6 @@ bool write_line_locked(AccSim *s, AccLink link, const std::string &line) {
         }
     }
     s->counters.lines_to_phone++;
-    note(s, link, "->", trim_line_end(line));
     return true;
 }
 
