@@ -7,7 +7,7 @@
 #include <sys/time.h>
 #include <unistd.h>
 
-#include "hal/link_words.h"
+#include "device/link_words.h"
 #include "serial/serial.h"
 #include "supervision/supervision.h"
 #include "support/test_support.h"

@@ -13,7 +13,7 @@
 #include <random>
 #include <sstream>
 
-#include "hal/link_words.h"
+#include "device/link_words.h"
 #include "hotplug/hotplug.h"
 #include "serial/serial.h"
 #include "sim/daemon_sim.h"

@@ -11,7 +11,7 @@
 #include <algorithm>
 #include <filesystem>
 
-#include "hal/link_words.h"
+#include "device/link_words.h"
 #include "hotplug/hotplug.h"
 #include "serial/serial.h"
 #include "supervision/supervision.h"

@@ -14,8 +14,8 @@
 #include <memory>
 #include <thread>
 
+#include "device/link_words.h"
 #include "hal/hal.h"
-#include "hal/link_words.h"
 #include "log/atcmd_log.h"
 #include "support/test_support.h"
 #include "wifi/wifi.h"

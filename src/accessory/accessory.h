@@ -11,7 +11,7 @@
 
 #include <atcmdprocess/atcmdprocess.h>
 
-#include "hal/c_exports.h"
+#include "device/c_exports.h"
 
 /* Status codes of the extractors. */
 enum atcmd_extract_status : uint32_t {

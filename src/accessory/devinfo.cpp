@@ -13,8 +13,8 @@
 #include <array>
 
 #include "accessory/accessory.h"
+#include "device/device.h"
 #include "engine/engine.h"
-#include "hal/hal.h"
 #include "log/atcmd_log.h"
 
 corvel_devInfo_t g_corvel_devInfo;

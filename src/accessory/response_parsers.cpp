@@ -16,9 +16,9 @@
 #include <cutils/properties.h>
 
 #include "accessory/accessory.h"
+#include "device/device.h"
+#include "device/link_words.h"
 #include "engine/engine.h"
-#include "hal/hal.h"
-#include "hal/link_words.h"
 #include "hotplug/hotplug.h"
 #include "log/atcmd_log.h"
 #include "wifi/wifi.h"

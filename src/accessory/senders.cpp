@@ -15,8 +15,8 @@
 #include <cutils/properties.h>
 
 #include "accessory/accessory.h"
+#include "device/device.h"
 #include "engine/engine.h"
-#include "hal/hal.h"
 #include "log/atcmd_log.h"
 
 char bt_mac_prop[64] = "net.bluetooth.macaddr";

@@ -9,9 +9,9 @@
 #include <string.h>
 #include <sys/prctl.h>
 
+#include "device/device.h"
+#include "device/link_words.h"
 #include "engine/engine.h"
-#include "hal/hal.h"
-#include "hal/link_words.h"
 #include "log/atcmd_log.h"
 #include "supervision/supervision.h"
 

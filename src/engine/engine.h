@@ -12,7 +12,7 @@
 
 #include <atcmdprocess/atcmdprocess.h>
 
-#include "hal/c_exports.h"
+#include "device/c_exports.h"
 
 /* ---- Queues ------------------------------------------------------------------------------ */
 

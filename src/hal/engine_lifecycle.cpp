@@ -11,9 +11,9 @@
 #include <unistd.h>
 
 #include "accessory/accessory.h"
+#include "device/link_words.h"
 #include "engine/engine.h"
 #include "hal/hal.h"
-#include "hal/link_words.h"
 #include "hotplug/hotplug.h"
 #include "log/atcmd_log.h"
 #include "serial/serial.h"

@@ -1,7 +1,6 @@
 /*
- * The module record HMI, the device object and its operations: open, close, the notify
- * callback and the upper layer's command hand-over. Runs on the upper layer's threads; the
- * callback slot is read by every engine thread that notifies.
+ * The module record HMI and the device operations that only the upper layer calls: open, close
+ * and the command hand-over. Runs on the upper layer's threads.
  */
 #define LOG_TAG "AtCmdProcessHal"
 
@@ -10,12 +9,9 @@
 
 #include "engine/engine.h"
 #include "hal/hal.h"
-#include "hal/link_words.h"
 #include "hotplug/hotplug.h"
 #include "log/atcmd_log.h"
 #include "wifi/wifi.h"
-
-struct atcmdprocess_device *g_patcmd_dev = nullptr;
 
 namespace {
 
@@ -41,16 +37,6 @@ struct hw_module_t HMI = {
 };
 }
 
-int set_notify_callback(struct atcmdprocess_device *dev, atcmdprocess_notify_cb cb) {
-    ATCMD_LOG(4, "set_notify_callback");
-    if (dev == nullptr) {
-        ATCMD_LOG(0, "set_notify_callback without a device, callback not stored\n");
-        return kOpenFailed;
-    }
-    link_store(dev->notify_callback, cb);  // engine threads may be notifying already
-    return 0;
-}
-
 int atcmdprocess_cmd_from_hidl(const AtCmder_t *cmd) {
     if (cmd == nullptr) {
         ATCMD_LOG(0, "atcmdprocess_cmd_from_hidl got a NULL record, dropped\n");
@@ -65,17 +51,6 @@ int atcmdprocess_cmd_from_hidl(const AtCmder_t *cmd) {
     // The enqueue logs its own refusals (NULL or over-long text); the upper layer gets 0.
     atcmder_send_to_tx(cmd);
     return 0;
-}
-
-void atcmd_notify(const AT_CMD_CbMsg_t *msg) {
-    struct atcmdprocess_device *dev = g_patcmd_dev;
-    const atcmdprocess_notify_cb callback =
-        dev != nullptr ? link_load(dev->notify_callback) : nullptr;
-    if (callback == nullptr) {
-        ATCMD_LOG(0, "no notify callback installed, message %u dropped\n", msg->msg_id);
-        return;
-    }
-    callback(msg);
 }
 
 int atcmdprocess_close(struct hw_device_t *device) {

@@ -21,8 +21,8 @@
 
 #include <mutex>
 
-#include "hal/hal.h"
-#include "hal/link_words.h"
+#include "device/device.h"
+#include "device/link_words.h"
 #include "hotplug/hotplug.h"
 #include "hotplug/hotplug_internal.h"
 #include "log/atcmd_log.h"

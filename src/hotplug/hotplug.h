@@ -8,7 +8,7 @@
 #include <pthread.h>
 #include <stdint.h>
 
-#include "hal/c_exports.h"
+#include "device/c_exports.h"
 
 ATCMD_EXPORTS_BEGIN
 

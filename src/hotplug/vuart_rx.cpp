@@ -10,9 +10,9 @@
 #include <sys/prctl.h>
 #include <unistd.h>
 
+#include "device/device.h"
+#include "device/link_words.h"
 #include "engine/engine.h"
-#include "hal/hal.h"
-#include "hal/link_words.h"
 #include "hotplug/hotplug.h"
 #include "log/atcmd_log.h"
 #include "serial/serial.h"

@@ -19,7 +19,7 @@
 
 #include <android/log.h>
 
-#include "hal/c_exports.h"
+#include "device/c_exports.h"
 
 ATCMD_EXPORTS_BEGIN
 

@@ -8,7 +8,7 @@
 #include <stddef.h>
 #include <stdint.h>
 
-#include "hal/c_exports.h"
+#include "device/c_exports.h"
 
 ATCMD_EXPORTS_BEGIN
 

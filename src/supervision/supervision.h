@@ -11,7 +11,7 @@
 
 #include <atcmdprocess/atcmdprocess.h>
 
-#include "hal/c_exports.h"
+#include "device/c_exports.h"
 
 ATCMD_EXPORTS_BEGIN
 

@@ -25,8 +25,8 @@
 #include <cutils/properties.h>
 
 #include "accessory/accessory.h"
-#include "hal/hal.h"
-#include "hal/link_words.h"
+#include "device/device.h"
+#include "device/link_words.h"
 #include "hotplug/hotplug.h"
 #include "log/atcmd_log.h"
 #include "serial/serial.h"

@@ -15,9 +15,9 @@
 
 #include <cutils/properties.h>
 
+#include "device/device.h"
+#include "device/link_words.h"
 #include "engine/engine.h"
-#include "hal/hal.h"
-#include "hal/link_words.h"
 #include "log/atcmd_log.h"
 #include "platform/root_path.h"
 #include "wifi/wifi.h"

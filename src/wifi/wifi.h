@@ -9,7 +9,7 @@
 #include <signal.h>
 #include <stdint.h>
 
-#include "hal/c_exports.h"
+#include "device/c_exports.h"
 
 ATCMD_EXPORTS_BEGIN
 

@@ -13,8 +13,8 @@
 
 #include <cutils/properties.h>
 
-#include "hal/hal.h"
-#include "hal/link_words.h"
+#include "device/device.h"
+#include "device/link_words.h"
 #include "log/atcmd_log.h"
 #include "supervision/supervision.h"
 #include "wifi/wifi.h"

@@ -11,7 +11,7 @@
 #include <string.h>
 #include <time.h>
 
-#include "hal/link_words.h"
+#include "device/link_words.h"
 #include "log/atcmd_log.h"
 #include "supervision/supervision.h"
 #include "wifi/wifi.h"

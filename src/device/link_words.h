@@ -4,8 +4,8 @@
  * than one thread go through these two helpers so that each is whole and ordered; the words
  * themselves stay plain integers, as C callers and the upper layer expect.
  */
-#ifndef ATCMD_HAL_LINK_WORDS_H
-#define ATCMD_HAL_LINK_WORDS_H
+#ifndef ATCMD_DEVICE_LINK_WORDS_H
+#define ATCMD_DEVICE_LINK_WORDS_H
 
 #include <stdint.h>
 #include <unistd.h>
@@ -28,4 +28,4 @@ inline void link_close(int32_t &word, int32_t closed = -1) {
     if (fd > closed) close(fd);
 }
 
-#endif /* ATCMD_HAL_LINK_WORDS_H */
+#endif /* ATCMD_DEVICE_LINK_WORDS_H */
