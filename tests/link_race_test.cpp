@@ -5,7 +5,6 @@
 // ATCMD_RACE_SEQUENCES sets how many sequences a shard runs (scripts/race-soak.sh).
 #include <gtest/gtest.h>
 
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -34,15 +33,9 @@ constexpr int kSettleMs = 12000;  // a daemon restart takes its one-second wait 
 constexpr int kShards = 5;
 constexpr int kSequencesPerShard = 10;  // 50 in all: every ordered pair of events, and more
 
-struct Step {
-    Ev ev;
-    int gap_ms;       // before the event
-    int replug_ms;    // a bounce's time unplugged
-};
-struct Sequence {
-    bool busy;        // the MAC property unset: each interrogation keeps the supervisor busy
-    std::vector<Step> steps;
-};
+struct Step { Ev ev; int gap_ms; int replug_ms; };  // gap before the event; a bounce's time off
+// busy: the MAC property unset, so each interrogation keeps the supervisor busy.
+struct Sequence { bool busy; std::vector<Step> steps; };
 
 std::string describe(const Sequence &s) {
     std::ostringstream out;
@@ -81,10 +74,7 @@ public:
             replug_by_ = std::chrono::steady_clock::now() +
                          std::chrono::milliseconds(st.replug_ms + 200);
             break;
-        case kPulledMidLine:
-            acc_sim_send_part(acc_, "+BAT=87,1,41");
-            acc_sim_unplug(acc_);
-            break;
+        case kPulledMidLine: acc_sim_send_part(acc_, "+BAT=87,1,41"); acc_sim_unplug(acc_); break;
         case kHandshake: dev_->atcmdprocess_amlogic_shake_hands(); break;
         case kRunning: relay("running"); break;
         case kHeartbeat: relay("heartbeat:" + std::to_string(++beats_)); break;
@@ -94,12 +84,10 @@ public:
         case kWifiDown: wifi(false); break;
         case kSilenceUntilRestart:
             ASSERT_TRUE(wait_until([&] { return report() == Report::Running; }, kSettleMs));
-            const size_t from = log_size();
+            const size_t from = log_end();
             daemon_sim_set_silent(daemon_, true);
-            ASSERT_TRUE(wait_until([&] { return log_has_since(from, "lost heart beat"); },
-                                   kSettleMs));
+            ASSERT_TRUE(wait_until([&] { return log_has(from, "lost heart beat"); }, kSettleMs));
             unlink(sb_.path("/dev/fifo_cmd").c_str());  // the old daemon is gone for good
-
             break;
         }
     }
@@ -112,10 +100,9 @@ public:
             std::chrono::duration_cast<std::chrono::milliseconds>(left).count());
         if (left_ms > 0) wait_until([&] { return acc_sim_plugged(acc_); }, left_ms);
         if (!wait_until([&] { return differences().empty(); }, kSettleMs)) return differences();
-        const size_t from = log_size();
+        const size_t from = log_end();
         dev_->atcmdprocess_amlogic_shake_hands();
-        if (!wait_until([&] { return log_has_since(from, "handling thread got signal 26"); },
-                        kSettleMs)) {
+        if (!wait_until([&] { return log_has(from, "got signal 26"); }, kSettleMs)) {
             return "the supervisor did not look again";
         }
         wait_until([&] { return differences().empty(); }, 2000);
@@ -158,9 +145,7 @@ public:
     }
 
 private:
-    static void on_report(void *ctx, const std::string &status) {
-        static_cast<World *>(ctx)->relay(status);
-    }
+    static void on_report(void *w, const std::string &s) { static_cast<World *>(w)->relay(s); }
 
     // The upper layer's relay of a daemon report; the module drops reports while Wi-Fi is not
     // wanted, and the world's view follows the order in which the module took them.
@@ -185,10 +170,7 @@ private:
         wanted_ = up;
     }
 
-    Report report() {
-        std::lock_guard<std::mutex> lock(mu_);
-        return report_;
-    }
+    Report report() { std::lock_guard<std::mutex> lock(mu_); return report_; }
 
     int last_usb_connected() const {
         int last = -1;
@@ -199,14 +181,13 @@ private:
     }
 
     // The module's log grows long over a shard: only what came after `from` is read.
-    size_t log_size() const {
-        struct stat st;
-        return stat(sb_.log_path().c_str(), &st) == 0 ? static_cast<size_t>(st.st_size) : 0;
+    size_t log_end() const {
+        return static_cast<size_t>(std::ifstream(sb_.log_path(), std::ios::ate).tellg());
     }
-    bool log_has_since(size_t from, const std::string &text) const {
+    bool log_has(size_t from, const std::string &text) const {
         std::ifstream in(sb_.log_path(), std::ios::binary);
         in.seekg(static_cast<std::streamoff>(from));
-        const std::string got((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+        const std::string got{std::istreambuf_iterator<char>(in), {}};
         return got.find(text) != std::string::npos;
     }
 
@@ -298,10 +279,7 @@ INSTANTIATE_TEST_SUITE_P(Shards, LinkRaceTest, ::testing::Range(0, kShards));
 
 // One row for each race seen in the field, replayed through the same checks. The two that hang
 // on a window of a few microseconds or milliseconds are tried several times.
-struct RaceRow {
-    const char *name;
-    std::vector<Sequence> seqs;
-};
+struct RaceRow { const char *name; std::vector<Sequence> seqs; };
 
 // Re-plugs inside the receive thread's 300 ms retry, each looked at on its own.
 std::vector<Sequence> bounces() {

@@ -112,7 +112,8 @@ void leave_by_itself(void) {
     if (atcmd_clear_own_handle(&g_wifiRx_thread)) pthread_detach(pthread_self());
 }
 
-#define FIFO_INIT_LOG(threshold, ...) ATCMD_LOG_AS("Socket_Fifo_Init", LOG_TAG, threshold, __VA_ARGS__)
+#define FIFO_INIT_LOG(threshold, ...) \
+    ATCMD_LOG_AS("Socket_Fifo_Init", LOG_TAG, threshold, __VA_ARGS__)
 
 // Socket_Fifo_Init's work; the caller holds the channel lock.
 int fifo_init_locked(void) {
