@@ -33,8 +33,9 @@ std::string shell(const std::string &command) {
 // Starts the console on `commands` with its trace in the sandbox; its process id.
 pid_t start_console(const Sandbox &sb, const std::string &options, const std::string &commands) {
     setenv("TSAN_OPTIONS", "report_signal_unsafe=0 suppressions=" ATCMD_TSAN_SUPPRESSIONS, 1);
-    const std::string line = "exec '" ATCMD_BIN_DIR "/atcmd_console' --module '" ATCMD_MODULE_PATH "' " + options +
-                             " --trace '" + sb.path("/t.json") + "' -c '" + commands + "' >/dev/null 2>&1";
+    const std::string line = "exec " ATCMD_TOOL_RUNNER "'" ATCMD_BIN_DIR "/atcmd_console' --module '"
+                             ATCMD_MODULE_PATH "' " + options + " --trace '" + sb.path("/t.json") +
+                             "' -c '" + commands + "' >/dev/null 2>&1";
     const char *argv[] = {"sh", "-c", line.c_str(), nullptr};
     pid_t pid = -1;
     EXPECT_EQ(posix_spawn(&pid, "/bin/sh", nullptr, nullptr, const_cast<char **>(argv), environ), 0);
