@@ -56,7 +56,7 @@ run_tests() {
   : >"$work/times"
   reap() {
     pid="" rc=0; wait -n -p pid || rc=$?
-    if [ -z "$pid" ]; then  # wait -n can miss a test that ended at once: find it
+    if [ -z "${pid:-}" ]; then  # wait -n misses a test whose end was already taken: find it
       for pid in "${!names[@]}"; do kill -0 "$pid" 2>/dev/null || break; done
       rc=0; wait "$pid" || rc=$?
     fi
