@@ -1,76 +1,48 @@
-// The Wi-Fi link against a stand-in HID daemon: starting and stopping the daemon on both sides,
-// the FIFO channel carrying lines both ways, restarts on "error" and on a lost heartbeat, the
-// disconnect sequence, and what happens with missing FIFOs.
+// The Wi-Fi link against the daemon simulator (tools/sim), its reports relayed to the module as
+// the upper layer relays them: starting and stopping the daemon on both sides, the FIFO channel
+// carrying lines both ways, restarts on "error" and on a lost heartbeat, the disconnect order,
+// and what happens with missing FIFOs or a daemon that does not confirm its exit.
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
-#include <poll.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <errno.h>
 
 #include <atomic>
-#include <memory>
-#include <thread>
 
 #include "hal/hal.h"
 #include "hal/link_words.h"
-#include "log/atcmd_log.h"
+#include "sim/daemon_sim.h"
 #include "support/test_support.h"
 #include "wifi/wifi.h"
 
 using namespace atcmd_test;
+using namespace atcmd_tools;
 
 namespace {
+
+constexpr int kLongWait = 15000;  // the machine is loaded: generous deadlines everywhere
 
 void make_fifo(const Sandbox &sb, const char *as_written) {
     ASSERT_EQ(mkfifo(sb.path(as_written).c_str(), 0600), 0) << as_written;
 }
 
-// Plays the HID daemon: confirms "exit" requests on "/dev/fifo_cmd" through "vendor.hid_sts"
-// (unless told to stay silent), and, while `beating`, relays a rising heartbeat count the way
-// the upper layer would.
-class StandInDaemon {
-public:
-    StandInDaemon(const Sandbox &sb, bool confirms_exit) : sb_(sb), confirms_(confirms_exit) {
-        make_fifo(sb, "/dev/fifo_cmd");
-        cmd_fd_ = open(sb.path("/dev/fifo_cmd").c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC);
-        thread_ = std::thread([this] { run(); });
+// The daemon simulator with the accessory simulator behind its FIFOs; while `relay` holds, its
+// status reports reach the module as the upper layer passes them on.
+struct Daemon {
+    static void report(void *ctx, const std::string &status) {
+        if (static_cast<Daemon *>(ctx)->relay) atcmdprocess_hiddemon_stchange(status.c_str());
     }
-    ~StandInDaemon() {
-        done_ = true;
-        thread_.join();
-        close(cmd_fd_);
+    DaemonCounters counters() { return daemon_sim_counters(sim); }
+    ~Daemon() {
+        daemon_sim_destroy(sim);
+        acc_sim_destroy(acc);
     }
-    int exits() const { return exits_; }
-    std::atomic<bool> beating{false};
-
-private:
-    void run() {
-        uint32_t count = 0;
-        while (!done_) {
-            struct pollfd pfd = {cmd_fd_, POLLIN, 0};
-            if (poll(&pfd, 1, 100) == 1) {
-                char word[16] = {};
-                if (read(cmd_fd_, word, sizeof word - 1) > 0 && std::string(word) == "exit") {
-                    ++exits_;
-                    if (confirms_) sb_.set_property("vendor.hid_sts", "exit");
-                }
-            }
-            if (beating) {
-                const std::string beat = "heartbeat:" + std::to_string(++count);
-                atcmdprocess_hiddemon_stchange(beat.c_str());
-            }
-        }
-    }
-
-    const Sandbox &sb_;
-    const bool confirms_;
-    int cmd_fd_ = -1;
-    std::atomic<int> exits_{0};
-    std::atomic<bool> done_{false};
-    std::thread thread_;
+    std::atomic<bool> relay{true};
+    AccSim *acc = acc_sim_create(AccIdentity{}, nullptr, nullptr);
+    DaemonSim *sim = daemon_sim_create(acc, report, nullptr, this);
 };
 
 void write_rx(const Sandbox &sb, const std::string &text) {
@@ -78,14 +50,6 @@ void write_rx(const Sandbox &sb, const std::string &text) {
     ASSERT_GE(fd, 0);
     EXPECT_EQ(write(fd, text.data(), text.size()), static_cast<ssize_t>(text.size()));
     close(fd);
-}
-
-// Reads what the module wrote to "/dev/fifo_tx" until it holds `want`.
-std::string read_tx(const Sandbox &sb, const std::string &want) {
-    const int fd = open(sb.path("/dev/fifo_tx").c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
-    const std::string got = read_until(fd, [&](const std::string &s) { return s.find(want) != s.npos; });
-    close(fd);
-    return got;
 }
 
 size_t log_pos(const Sandbox &sb, const std::string &text) { return sb.log_text().find(text); }
@@ -98,12 +62,10 @@ int32_t last_wificon() {
     return value;
 }
 
-// Wi-Fi on the server side through the whole module, with the stand-in daemon.
+// Wi-Fi on the server side through the whole module.
 class WifiLiveTest : public ::testing::Test {
 protected:
     void SetUp() override {
-        make_fifo(sb, "/dev/fifo_rx");
-        make_fifo(sb, "/dev/fifo_tx");
         dev = open_module();
         ASSERT_NE(dev, nullptr);
         // The callback is installed after open started the threads. The supervisor's queries
@@ -119,10 +81,9 @@ protected:
         Recorder::instance().clear();
     }
     void bring_up() {
-        daemon.beating = true;
         ASSERT_EQ(dev->atcmdprocess_wifi_init("0.0.0.0"), 0);
-        ASSERT_EQ(dev->atcmdprocess_hiddemon_stchange("hiddemon running"), 0);
-        ASSERT_TRUE(wait_until([&] { return sb.property("vendor.corvel.timesync") == "enable"; }));
+        ASSERT_TRUE(wait_until([&] { return sb.property("vendor.corvel.timesync") == "enable"; },
+                               kLongWait));
     }
     // A line from the accessory reaches its parser, marked as coming from platform 2.
     void expect_line_arrives(const std::string &sn) {
@@ -134,7 +95,7 @@ protected:
     }
 
     Sandbox sb;
-    StandInDaemon daemon{sb, true};
+    Daemon daemon;
     atcmdprocess_device_t *dev = nullptr;
 };
 
@@ -149,7 +110,7 @@ TEST_F(WifiLiveTest, LinkComesUpCarriesLinesBothWaysAndDisconnectsInOrder) {
 
     bring_up();
     EXPECT_EQ(sb.property("vendor.hid_cmd"), "start_server");
-    EXPECT_EQ(daemon.exits(), 0);  // the server start stops nothing
+    EXPECT_EQ(daemon.counters().exits, 0);  // the server start stops nothing
     EXPECT_EQ(dev->system_status.mode, AT_MODE_WIFI);
     EXPECT_NE(link_load(g_wifiRx_thread), 0u);
     EXPECT_NE(link_load(g_wifiHBeat_thread), 0u);
@@ -157,15 +118,17 @@ TEST_F(WifiLiveTest, LinkComesUpCarriesLinesBothWaysAndDisconnectsInOrder) {
     EXPECT_EQ(last_wificon(), 1);
 
     expect_line_arrives("QV1");
-    const std::string request = "AT+VER?#5&1\r\n";
-    AtCmder_t cmd = {AT_TYPE_QUERY, 0, AT_NODE_ACCESSORY, 1, 0, AT_MSG_VER, 5, 0, 0,
-                     const_cast<char *>(request.c_str())};
+    // A request leaves on fifo_tx; the accessory behind the daemon answers it on fifo_rx.
+    char request[] = "AT+VER?#5&1\r\n";
+    AtCmder_t cmd = {AT_TYPE_QUERY, 0, AT_NODE_ACCESSORY, 1, 0, AT_MSG_VER, 5, 0, 0, request};
     dev->atcmdprocess_cmd_from_hidl(&cmd);
-    EXPECT_NE(read_tx(sb, request).find(request), std::string::npos);
+    ASSERT_TRUE(Recorder::instance().wait_for(AT_MSG_VER, 1, kLongWait));
+    EXPECT_EQ(Recorder::instance().notices().back().seq_num, 5);
 
     ASSERT_EQ(dev->atcmdprocess_wifi_stchange(1), 0);  // only 0 does anything
     EXPECT_EQ(dev->system_status.wifi_status, 1);
     ASSERT_EQ(dev->atcmdprocess_wifi_stchange(0), 0);
+    EXPECT_EQ(daemon.counters().exits, 1);
     EXPECT_EQ(dev->system_status.wifi_status, 0);
     EXPECT_EQ(dev->system_status.mode, AT_MODE_NONE);
     EXPECT_EQ(sb.property("vendor.corvel.timesync"), "disable");
@@ -188,16 +151,17 @@ TEST_F(WifiLiveTest, LinkComesUpCarriesLinesBothWaysAndDisconnectsInOrder) {
     EXPECT_FALSE(wait_until([] { return link_load(g_wifiHBeat_thread) != 0; }, 300));
 }
 
+// "error": the upper layer hears the link is down, the daemon is stopped in order and started
+// again, and its next "running" brings the link back.
 TEST_F(WifiLiveTest, DaemonErrorRestartsItAndTheLinkWorksWhenItRunsAgain) {
     bring_up();
     expect_line_arrives("QV1");
-    sb.set_property("vendor.hid_cmd", "");
-    dev->atcmdprocess_hiddemon_stchange("hiddemon error");
-    EXPECT_EQ(daemon.exits(), 1);
-    EXPECT_EQ(sb.property("vendor.hid_cmd"), "start_server");
-    EXPECT_EQ(last_wificon(), 0);
-    dev->atcmdprocess_hiddemon_stchange("running");
-    EXPECT_EQ(last_wificon(), 1);
+    Recorder::instance().clear();
+    daemon_sim_report_error(daemon.sim);
+    ASSERT_TRUE(wait_until([&] { return daemon.counters().starts == 2 && last_wificon() == 1; },
+                           kLongWait));
+    EXPECT_EQ(daemon.counters().exits, 1);
+    EXPECT_EQ(Recorder::instance().notices().front().values, std::vector<int32_t>{0});
     expect_line_arrives("QV2");
 }
 
@@ -206,22 +170,20 @@ TEST_F(WifiLiveTest, LostHeartbeatClosesTheChannelAndRestartsTheDaemon) {
     dev->atcmdprocess_hiddemon_stchange("heartbeat:41");
     dev->atcmdprocess_hiddemon_stchange("heartbeat");  // no count: keeps 41
     EXPECT_EQ(g_wifiHBeat_num, 41u);
-    dev->atcmdprocess_hiddemon_stchange("running");
-    ASSERT_TRUE(wait_until([] { return link_load(g_fifo_rx_fd) >= 0; }));
-    sb.set_property("vendor.hid_cmd", "");
-    ASSERT_TRUE(sb.wait_log("!! HID demon lost heart beat, will restart! wifiHBeat_num is 41 .",
-                            9000));
-    ASSERT_TRUE(wait_until([&] { return sb.property("vendor.hid_cmd") == "start_server"; }));
-    EXPECT_EQ(daemon.exits(), 1);
-    EXPECT_EQ(link_load(g_fifo_rx_fd), -1);
-    EXPECT_EQ(link_load(g_wifiRx_thread), 0u);
+    ASSERT_TRUE(wait_until([] { return link_load(g_fifo_rx_fd) >= 0; }, kLongWait));
+    daemon_sim_set_silent(daemon.sim, true);
+    ASSERT_TRUE(sb.wait_log("!! HID demon lost heart beat, will restart!", kLongWait));
+    ASSERT_TRUE(wait_until([&] { return daemon.counters().starts == 2; }, kLongWait));
+    EXPECT_EQ(daemon.counters().exits, 1);
+    EXPECT_NE(log_pos(sb, "wifi channel has been closed"), std::string::npos);
     EXPECT_NE(link_load(g_wifiHBeat_thread), 0u);  // it goes on watching
 }
 
 TEST_F(WifiLiveTest, MissingReceiveFifoIsReportedAndTheNextRunningReportRecovers) {
-    unlink(sb.path("/dev/fifo_rx").c_str());
+    daemon.relay = false;
     ASSERT_EQ(dev->atcmdprocess_wifi_init("0.0.0.0"), 0);
-    daemon.beating = true;
+    ASSERT_TRUE(wait_until([&] { return daemon_sim_running(daemon.sim); }, kLongWait));
+    unlink(sb.path("/dev/fifo_rx").c_str());
     dev->atcmdprocess_hiddemon_stchange("running");
     ASSERT_TRUE(sb.wait_log("cannot open device: /dev/fifo_rx"));
     ASSERT_TRUE(sb.wait_log("atcmder_wifiRx_thread exits!"));
@@ -266,47 +228,42 @@ TEST(WifiChannelTest, LinesAreMarkedAsComingFromTheOtherPlatform) {
     }
 }
 
+// The client side stops a running daemon only for a new server; with no daemon yet (no
+// fifo_cmd) the stop falls back to the property at once.
 TEST(WifiDaemonTest, ClientStartStopsTheDaemonOnlyForANewServer) {
     Sandbox sb(kWithLog);
     atcmdprocess_device_t *dev = bare_device(PLATFORM_UART);
-    StandInDaemon daemon(sb, true);
+    Daemon daemon;
+    daemon.relay = false;  // no engine threads here to carry a report out
     ASSERT_EQ(atcmdprocess_wifi_init("192.168.4.1"), 0);  // the kept address is empty at first
-    EXPECT_EQ(daemon.exits(), 1);
+    EXPECT_TRUE(sb.wait_log("cannot open device: /dev/fifo_cmd, will kill hiddemon!", 0));
     EXPECT_EQ(sb.property("vendor.hid_cmd"), "start_client");
     EXPECT_EQ(sb.property("vendor.hid_sts"), "192.168.4.1");
     EXPECT_STREQ(dev->server_ip, "192.168.4.1");
     EXPECT_EQ(dev->system_status.wifi_status, 1);
+    ASSERT_TRUE(wait_until([&] { return daemon_sim_running(daemon.sim); }, kLongWait));
     ASSERT_EQ(atcmdprocess_wifi_init("192.168.4.1"), 0);
-    EXPECT_EQ(daemon.exits(), 1);
+    EXPECT_EQ(daemon.counters().exits, 0);
     ASSERT_EQ(atcmdprocess_wifi_init("192.168.4.2"), 0);
-    EXPECT_EQ(daemon.exits(), 2);
+    EXPECT_EQ(daemon.counters().exits, 1);
+    EXPECT_TRUE(sb.wait_log("Process Hiddemon exits successfully!", 0));
     EXPECT_EQ(atcmdprocess_wifi_init("192.168.100.100x"), -EINVAL);  // cannot be kept whole
     EXPECT_EQ(atcmdprocess_wifi_init(nullptr), -EINVAL);
     EXPECT_STREQ(dev->server_ip, "192.168.4.2");
 }
 
-TEST(WifiDaemonTest, UnconfirmedOrImpossibleStopFallsBackToTheProperty) {
-    struct Case {
-        int32_t platform;
-        bool fifo_cmd, confirms;
-        const char *log_line;
-        const char *hid_cmd;
-    };
-    const Case cases[] = {
-        {PLATFORM_VUART, true, true, "Process Hiddemon exits successfully!", ""},
-        {PLATFORM_VUART, true, false, " hiddemon exit fails, will be killed!", "stop_server"},
-        {PLATFORM_UART, true, false, " hiddemon exit fails, will be killed!", "stop_client"},
-        {PLATFORM_UART, false, false, "cannot open device: /dev/fifo_cmd, will kill hiddemon!",
-         "stop_client"},
-    };
-    for (const Case &c : cases) {
+// A daemon that takes "exit" but never confirms it is stopped through the property.
+TEST(WifiDaemonTest, UnconfirmedStopFallsBackToThePlatformsStopProperty) {
+    for (const auto &[platform, stop] : {std::pair<int32_t, const char *>{PLATFORM_VUART, "stop_server"},
+                                         {PLATFORM_UART, "stop_client"}}) {
         Sandbox sb(kWithLog);
-        bare_device(c.platform);
-        std::unique_ptr<StandInDaemon> daemon;
-        if (c.fifo_cmd) daemon = std::make_unique<StandInDaemon>(sb, c.confirms);
+        bare_device(platform);
+        make_fifo(sb, "/dev/fifo_cmd");
+        const int silent = open(sb.path("/dev/fifo_cmd").c_str(), O_RDWR | O_CLOEXEC);
         stop_hiddemon();
-        EXPECT_NE(log_pos(sb, c.log_line), std::string::npos) << c.log_line;
-        EXPECT_EQ(sb.property("vendor.hid_cmd"), c.hid_cmd) << c.log_line;
+        EXPECT_TRUE(sb.wait_log(" hiddemon exit fails, will be killed!", 0)) << stop;
+        EXPECT_EQ(sb.property("vendor.hid_cmd"), stop);
+        close(silent);
     }
 }
 
