@@ -1,5 +1,5 @@
 // Log vocabulary: each message is found under the name of the function it belongs to, also when
-// a shared helper writes it, on both platforms and from the UART receive thread.
+// a shared helper writes it, and on both platforms.
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
@@ -42,7 +42,7 @@ TEST(LogPrefixTest, EveryMessageCarriesTheNameOfItsFunction) {
     Sandbox sb(kWithLog);
     Pty acm;
     acm.link_as(sb, "/dev/ttyACM3");
-    Pty &uart = kept_pty();  // the UART receive thread outlives the test
+    Pty uart;
     uart.link_as(sb, "/dev/ttyS4");
     int32_t values[6];
     usbdev_sts_t sts;
@@ -76,13 +76,6 @@ TEST(LogPrefixTest, EveryMessageCarriesTheNameOfItsFunction) {
         {[] { transmit(PLATFORM_VUART, AT_MODE_USB); }, "atcmder_Tx_process", "Vuart is not open"},
         {[] { transmit(PLATFORM_VUART, AT_MODE_WIFI); }, "atcmder_Tx_process", "wifi fifo is not opened!"},
         {[&] { g_vuart_fd = fd, transmit(PLATFORM_VUART, AT_MODE_USB); }, "atcmder_Tx_process", "Vuart successfully send cmd len is 13"},
-        {[] { pthread_create(&g_uartRx_thread, nullptr, atcmder_uartRx_thread, nullptr); },
-         "atcmder_uartRx_thread", "uart cannot receive data, uart will be re-init!"},
-        {[&] {  // once the thread's re-open has set the line raw and flushed it
-             wait_until([&] { return sb.log_text().find("Init uart") != sb.log_text().rfind("Init uart"); });
-             uart.write("+OK\r\n");
-         }, "atcmder_uartRx_thread", "Uart rcv data length is 5, receive data is +OK"},
-        {[&] { uart.write(std::string(600, 'x')); }, "atcmder_uartRx_thread", "Uart receive data length is too long, skip it"},
     };
     for (const Row &row : rows) {
         if (row.trigger) row.trigger();
