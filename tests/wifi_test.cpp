@@ -170,7 +170,7 @@ TEST_F(WifiLiveTest, DaemonErrorRestartsItAndTheLinkWorksWhenItRunsAgain) {
     ASSERT_TRUE(wait_until([&] { return daemon.counters().starts == 2 && last_wificon() == 1; },
                            kLongWait));
     EXPECT_EQ(daemon.counters().exits, 1);
-    EXPECT_EQ(Recorder::instance().notices().front().values, std::vector<int32_t>{0});
+    EXPECT_TRUE(notified(AT_MSG_WIFICON, [](const Notice &n) { return n.values == std::vector<int32_t>{0}; }));
     expect_line_arrives("QV2");
 }
 
