@@ -121,11 +121,9 @@ TEST_F(WifiLiveTest, LinkComesUpCarriesLinesBothWaysAndDisconnectsInOrder) {
     bring_up();
     EXPECT_EQ(sb.property("vendor.hid_cmd"), "start_server");
     EXPECT_EQ(daemon.counters().exits, 0);  // the server start stops nothing
-    EXPECT_EQ(dev->system_status.mode, AT_MODE_WIFI);
-    EXPECT_NE(link_load(g_wifiRx_thread), 0u);
-    EXPECT_NE(link_load(g_wifiHBeat_thread), 0u);
-    ASSERT_TRUE(Recorder::instance().wait_for(AT_MSG_WIFICON));
-    EXPECT_EQ(last_wificon(), 1);
+    EXPECT_TRUE(dev->system_status.mode == AT_MODE_WIFI && link_load(g_wifiRx_thread) != 0 &&
+                link_load(g_wifiHBeat_thread) != 0);
+    ASSERT_TRUE(Recorder::instance().wait_for(AT_MSG_WIFICON) && last_wificon() == 1);
 
     expect_line_arrives("QV1");
     // A request leaves on fifo_tx; the accessory behind the daemon answers it on fifo_rx.
@@ -137,23 +135,17 @@ TEST_F(WifiLiveTest, LinkComesUpCarriesLinesBothWaysAndDisconnectsInOrder) {
     ASSERT_EQ(dev->atcmdprocess_wifi_stchange(1), 0);  // only 0 does anything
     EXPECT_EQ(dev->system_status.wifi_status, 1);
     ASSERT_EQ(dev->atcmdprocess_wifi_stchange(0), 0);
-    EXPECT_EQ(daemon.counters().exits, 1);
-    EXPECT_EQ(dev->system_status.wifi_status, 0);
-    EXPECT_EQ(dev->system_status.mode, AT_MODE_NONE);
-    EXPECT_EQ(sb.property("vendor.corvel.timesync"), "disable");
-    EXPECT_EQ(last_wificon(), 0);
-    EXPECT_EQ(g_fifo_rx_fd, -1);
-    EXPECT_EQ(g_fifo_tx_fd, -1);
-    EXPECT_EQ(g_wifiRx_thread, 0u);
-    EXPECT_EQ(g_wifiHBeat_thread, 0u);
-    const size_t stopped = log_pos(sb, "Process Hiddemon exits successfully!");
-    const size_t told = log_pos(sb, "notify_wifi_stated 0");
-    const size_t closed = log_pos(sb, "wifi channel has been closed");
-    const size_t beat_ended = sb.log_text().rfind("receive signal is 14");
+    EXPECT_EQ(std::make_tuple(daemon.counters().exits, dev->system_status.wifi_status, dev->system_status.mode,
+                              sb.property("vendor.corvel.timesync"), last_wificon(), g_fifo_rx_fd, g_fifo_tx_fd),
+              std::make_tuple(1, 0, AT_MODE_NONE, std::string("disable"), 0, -1, -1));
+    EXPECT_TRUE(g_wifiRx_thread == 0 && g_wifiHBeat_thread == 0);
+    // Stopped, told, closed, the heartbeat thread ended: in that order.
+    const std::string log = sb.log_text();
+    const size_t beat_ended = log.rfind("receive signal is 14");
     ASSERT_NE(beat_ended, std::string::npos);
-    EXPECT_LT(stopped, told);
-    EXPECT_LT(told, closed);
-    EXPECT_LT(closed, beat_ended);
+    EXPECT_LT(log.find("Process Hiddemon exits successfully!"), log.find("notify_wifi_stated 0"));
+    EXPECT_LT(log.find("notify_wifi_stated 0"), log.find("wifi channel has been closed"));
+    EXPECT_LT(log.find("wifi channel has been closed"), beat_ended);
 
     // With the link no longer wanted, a "running" report starts nothing.
     dev->atcmdprocess_hiddemon_stchange("running");
