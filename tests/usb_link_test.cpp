@@ -25,17 +25,11 @@ constexpr char kCorvelUevent[] = "MAJOR=166\nPRODUCT=7a1d/5101/100\nTYPE=2/0/0\n
 
 using Pair = std::vector<int32_t>;
 
-void write_uevent(const Sandbox &sb, const std::string &port, const std::string &text) {
-    const std::string dir = sb.path("/sys/class/tty/" + port + "/device");
-    std::filesystem::create_directories(dir);
-    write_file(dir + "/uevent", text);
-}
-
 // A port whose uevent says `uevent` (none when null), linked as "/dev/ttyACM<n>"; kept, since
 // the receive thread may still be reading it when the test ends.
 Pty &port(const Sandbox &sb, int n, const char *uevent = kCorvelUevent) {
-    const std::string name = "ttyACM" + std::to_string(n);
-    if (uevent != nullptr) write_uevent(sb, name, uevent);
+    const std::string name = "ttyACM" + std::to_string(n), dir = sb.path("/sys/class/tty/" + name + "/device");
+    if (uevent != nullptr) std::filesystem::create_directories(dir), write_file(dir + "/uevent", uevent);
     Pty &pty = kept_pty();
     pty.link_as(sb, "/dev/" + name);
     return pty;
