@@ -121,7 +121,7 @@ TEST_F(EngineLiveTest, VanishedUartIsReportedAndPickedUpWhenItReturns) {
     ASSERT_TRUE(Recorder::instance().wait_for(AT_MSG_ERROR));
     const Notice n = Recorder::instance().notices().at(0);
     EXPECT_EQ(std::tie(n.seq_num, n.values), std::make_tuple(uint16_t{0}, std::vector<int32_t>{-6}));
-    EXPECT_TRUE(sb.wait_log("uart cannot receive data, uart will be re-init!"));
+    EXPECT_TRUE(sb.wait_log("uart cannot receive data, uart will be re-init!") && sb.wait_log("uart does not work"));
     accessory.link_as(sb, "/dev/ttyS4");  // the line is back
     ASSERT_TRUE(wait_until([&] {  // opened a second time
         return sb.log_text().find("Init uart") != sb.log_text().rfind("Init uart"); }));
