@@ -86,7 +86,7 @@ fi
 sort -k2,2n "$work/times" | awk 'NR == FNR { exe[$2] = $1; next }
   { print exe[$1], $1, 10 + int($2 * 3 / 1000) }' "$work/tests" - >"$work/order"
 
-# The candidate faults in src/*.cpp (code only: no comments, strings, logging or preprocessor
+# The candidate faults in src/*.cpp (code only: no comments, strings, ATCMD_LOG calls or preprocessor
 # lines), shuffled by the seed: "file line column old new".
 git ls-files 'src/*.cpp' | sort | SEED=$seed xargs perl -e '
   use List::Util qw(shuffle);
