@@ -1,7 +1,7 @@
 // The Wi-Fi link against the daemon simulator (tools/sim), its reports relayed to the module as
 // the upper layer relays them: starting and stopping the daemon on both sides, the FIFO channel
-// carrying lines both ways, restarts on "error" and on a lost heartbeat, the disconnect order,
-// and what happens with missing FIFOs or a daemon that does not confirm its exit.
+// carrying lines both ways, the restart on "error", the disconnect order, and what happens with
+// missing FIFOs or a daemon that does not confirm its exit.
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
@@ -52,8 +52,6 @@ void write_rx(const Sandbox &sb, const std::string &text) {
     EXPECT_EQ(write(fd, text.data(), text.size()), static_cast<ssize_t>(text.size()));
     close(fd);
 }
-
-size_t log_pos(const Sandbox &sb, const std::string &text) { return sb.log_text().find(text); }
 
 // Waits for a notice of `msg_id` that `match` accepts: the accessory behind the daemon also
 // answers the module's own interrogation meanwhile.
@@ -116,7 +114,7 @@ TEST_F(WifiLiveTest, LinkComesUpCarriesLinesBothWaysAndDisconnectsInOrder) {
     dev->atcmdprocess_hiddemon_stchange("heartbeat:7");
     dev->atcmdprocess_hiddemon_stchange("running");
     EXPECT_EQ(g_wifiHBeat_num, 0u);
-    EXPECT_EQ(log_pos(sb, "hiddemon status is"), std::string::npos);
+    EXPECT_EQ(sb.log_text().find("hiddemon status is"), std::string::npos);
 
     bring_up();
     EXPECT_EQ(sb.property("vendor.hid_cmd"), "start_server");
