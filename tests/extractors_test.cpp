@@ -3,6 +3,8 @@
 
 #include <string.h>
 
+#include <regex>
+
 #include "accessory/accessory.h"
 #include "hal/hal.h"
 #include "log/atcmd_log.h"
@@ -70,4 +72,6 @@ TEST(ExtractorTest, NumbersTextsStateWordsAndVersionItems) {
                             "null line or output"}) {
         EXPECT_TRUE(sb.wait_log(log)) << log;
     }
+    // The shared checker logs under the name of the extractor that called it.
+    EXPECT_TRUE(std::regex_search(sb.log_text(), std::regex(R"(\]getBatinfo_fromCmdString:\d+: Batinfo para)")));
 }

@@ -52,6 +52,7 @@ TEST_F(LineParser, QueuesOneRecordPerAcceptedLine) {
         {"xyz+OK\r\n\x01\xff\r\n+SN=1\r\n", {rec(R, AT_MSG_SN, 0, 0, "+SN=1\r\n")}},
         {"+OK\r+SN=1\r\n+VER=1", {rec(R, AT_MSG_SN, 0, 0, "+SN=1\r\n")}},  // "+" after a lone CR
         {k157 + "\r\n", {rec(R, AT_MSG_VER, 0, 0, k157 + "\r\n")}},
+        {"\n+OK#8&1\r\n", {rec(R, AT_MSG_OK, 8, 1, "+OK#8&1\r\n")}},  // the LF of a dropped rest
         {k157 + "a\r\n" + k157 + "ab+OK\r\n", {rec(R, AT_MSG_OK, 0, 0, "+OK\r\n")}},
     };
     for (const auto &[in, out] : cases) EXPECT_EQ(parse(in), out) << in;

@@ -1,9 +1,14 @@
-// The logging facility: prefix, thresholds, the log file and running on without it.
+// The logging facility: prefix, thresholds, the log file and running on without it, and the
+// thread id in the prefix: each thread's own, also in a forked child after its parent logged.
 #define LOG_TAG "ATCMD_TEST"
 
 #include <gtest/gtest.h>
 
+#include <sys/wait.h>
+#include <unistd.h>
+
 #include <regex>
+#include <thread>
 
 #include "hal/hal.h"
 #include "log/atcmd_log.h"
@@ -64,4 +69,30 @@ TEST(LogTest, RunsOnWhenTheDirectoryCannotBeMade) {
     log_file_init(ATCMD_LOG_DIR, ATCMD_LOG_FILE);
     EXPECT_EQ(fd_logfile, nullptr);
     ATCMD_LOG(0, "still logging");  // standard output and the Android log only
+}
+
+TEST(LogTest, EachThreadAndAForkedChildLogTheirOwnId) {
+    Sandbox sb(kWithLog);
+    const auto log_marked = [](const char *marker) {  // the tid the prefix should carry
+        ATCMD_LOG(4, "%s\n", marker);
+        return static_cast<int>(gettid());
+    };
+    const int main_tid = log_marked("from-main");
+    int other_tid = 0;
+    std::thread([&] { other_tid = log_marked("from-thread"); }).join();
+    const pid_t child = fork();
+    if (child == 0) {
+        log_marked("from-child");
+        _exit(0);
+    }
+    ASSERT_GT(child, 0);
+    int status = -1;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    const std::string log = sb.log_text();
+    EXPECT_NE(main_tid, other_tid);
+    for (const auto &[marker, tid] : {std::pair<const char *, int>{"from-main", main_tid},
+                                      {"from-thread", other_tid}, {"from-child", child}}) {
+        EXPECT_TRUE(std::regex_search(log, std::regex("\\[tid:" + std::to_string(tid) + "\\][^:]*:\\d+: " + marker + "\n")))
+            << marker << "\n" << log;
+    }
 }

@@ -44,6 +44,8 @@ TEST(RxFraming, DeliversWholeLinesAndDropsOnlyLongRests) {
         {{"+OK\r\n" + s(300, 'y'), s(300, 'y')}, "+OK\r\n|drop 600|"},
         {{"+OK\r\n\0+SN=1\r\n"s}, "+OK\r\n|+SN=1\r\n|"},  // a NUL ends the text before it
         {{"\0+VE\0+OK\r\n\0+VER"s, "=1\r\n"}, "+VE|+OK\r\n|+VER=1\r\n|"},
+        // Found by fuzzing: an over-long rest dropped at its CR; its LF leads the next line.
+        {{"+SN=" + s(AT_RX_HOLD_MAX, '9') + "\r", "\n+OK#8&1\r\n"}, "drop 517|\n+OK#8&1\r\n|"},
     };
     for (const auto &[reads, seen] : cases) EXPECT_EQ(receive_all(reads), seen) << reads[0];
 

@@ -55,7 +55,8 @@ TEST_F(Serial, SetOptRefusesBadValuesUntouchedAndFallsBackTo9600) {
 }
 
 // Each port: nothing at the path, then a regular file (closed, while the caller keeps the stale
-// number), then a pty set raw 8N1 at 460800 and blocking; on the VUART, receive and send.
+// number), then a pty set raw 8N1 at 460800 and blocking; on the VUART, receive and send; no
+// place for the descriptor is refused.
 TEST_F(Serial, InitOpensOnlyTerminalsThatThenReceiveAndSend) {
     const auto init = [](int i, int32_t *fd) { return i == 0 ? UART_init(fd) : VUART_init(fd, 3); };
     const char *const paths[] = {ATCMD_UART_PATH, "/dev/ttyACM3"};
@@ -83,6 +84,7 @@ TEST_F(Serial, InitOpensOnlyTerminalsThatThenReceiveAndSend) {
     EXPECT_EQ(VUART_Recv(fd, buf, sizeof buf, -1), 8);
     EXPECT_STREQ(buf, "+VER=1\r\n");
     EXPECT_EQ(UART_Send(open("/dev/null", O_RDONLY), "+OK\r\n", 5), -1);
+    EXPECT_TRUE(UART_init(nullptr) == -1 && VUART_init(nullptr, 3) == -1);
     const std::string texts[] = {
         "open AMLOGIC UART fails", "serial fcntl=0",
         "open serial /dev/ttyACM3 fails, error num is -1, error num is No such file",

@@ -85,12 +85,3 @@ TEST(LoadGeneratorTest, QueuesNumberedTestLinesForTheSerialLine) {
         EXPECT_EQ(lines[i].cmd.seq_num, 0);
     }
 }
-
-TEST(LoadGeneratorTest, RunsButQueuesNothingOnTheUsbPlatform) {
-    Sandbox sb(kWithLog);
-    bare_device(PLATFORM_VUART);
-    ASSERT_EQ(pthread_create(&g_TestTx_thread, nullptr, atcmder_TestTx_thread, nullptr), 0);
-    ASSERT_TRUE(sb.wait_log("atcmder_TestTx_thread is running!", kLongWait));
-    // Several 100 ms rounds pass; a line would show up within the first.
-    EXPECT_FALSE(wait_until([] { return !drain_tx_queue().empty(); }, 500));
-}

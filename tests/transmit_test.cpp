@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/stat.h>
+#include <termios.h>
 #include <unistd.h>
 
 #include "hal/hal.h"
@@ -44,9 +45,14 @@ TEST(TransmitTest, ChannelStatusAndAnswerWatchByPlatformModeAndDestination) {
     EXPECT_EQ(sb.log_text().find("successfully"), std::string::npos);
 
     Pty uart, vuart;
-    for (const Pty *p : {&uart, &vuart}) p->make_slave_raw();
     g_uart_fd = open(uart.slave_path().c_str(), O_RDWR | O_NOCTTY | O_CLOEXEC);
     g_vuart_fd = open(vuart.slave_path().c_str(), O_RDWR | O_NOCTTY | O_CLOEXEC);
+    for (int fd : {g_uart_fd, g_vuart_fd}) {  // raw, so the text reaches the master unchanged
+        struct termios tio;
+        tcgetattr(fd, &tio);
+        cfmakeraw(&tio);
+        tcsetattr(fd, TCSANOW, &tio);
+    }
     ASSERT_EQ(mkfifo(sb.path("/dev/fifo_tx").c_str(), 0600), 0);
     const int fifo = open(sb.path("/dev/fifo_tx").c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
     g_fifo_tx_fd = open(sb.path("/dev/fifo_tx").c_str(), O_WRONLY | O_CLOEXEC);

@@ -7,7 +7,6 @@
 #include <stdlib.h>
 #include <string.h>
 #include <sys/stat.h>
-#include <termios.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -89,14 +88,6 @@ std::string read_until(int fd, const std::function<bool(const std::string &)> &d
     return got;
 }
 
-std::string read_lines(int fd, size_t lines, int timeout_ms) {
-    return read_until(fd, [&](const std::string &got) {
-        size_t n = 0;
-        for (size_t at = got.find("\r\n"); at != std::string::npos; at = got.find("\r\n", at + 2)) ++n;
-        return n >= lines;
-    }, timeout_ms);
-}
-
 bool queues_idle() {
     return atcmder_empty_queue(&Tx_head, &g_txqueue_mutex) == 1 &&
            atcmder_empty_queue(&Timeout_head, &g_timeoutqueue_mutex) == 1;
@@ -168,13 +159,6 @@ void Pty::link_as(const Sandbox &sb, const std::string &as_written) const {
 void Pty::close_master() {
     if (master_ >= 0) close(master_);
     master_ = -1;
-}
-
-void Pty::make_slave_raw() const {
-    struct termios tio;
-    tcgetattr(slave_, &tio);
-    cfmakeraw(&tio);
-    tcsetattr(slave_, TCSANOW, &tio);
 }
 
 void Pty::write(const std::string &bytes) const {

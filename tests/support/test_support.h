@@ -25,8 +25,6 @@ void write_file(const std::string &path, const std::string &content);
 // Reads from `fd` until `done(all_read)` holds, the deadline passes or the other end is gone.
 std::string read_until(int fd, const std::function<bool(const std::string &)> &done,
                        int timeout_ms = 3000);
-// Reads from `fd` until `lines` CR LF endings arrived or the deadline passed.
-std::string read_lines(int fd, size_t lines, int timeout_ms = 3000);
 
 // True when nothing waits on the transmit queue or for an answer.
 bool queues_idle();
@@ -68,8 +66,6 @@ public:
     const std::string &slave_path() const { return slave_path_; }
     // Symlinks `sandbox_path` (as written, e.g. "/dev/ttyACM3") to the slave.
     void link_as(const Sandbox &sb, const std::string &as_written) const;
-    // Puts the slave side in raw mode, for tests that skip the module's own line set-up.
-    void make_slave_raw() const;
     void write(const std::string &bytes) const;
     // Closes the master: the device is gone, and reads on every open slave end.
     void close_master();
