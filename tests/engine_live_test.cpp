@@ -18,12 +18,6 @@
 
 using namespace atcmd_test;
 
-static Notice last_notice(uint16_t msg_id) {
-    Notice found{};
-    for (const Notice &n : Recorder::instance().notices()) found = n.msg_id == msg_id ? n : found;
-    return found;
-}
-
 // Microseconds since the epoch: 64 bits, which a 32-bit target's long cannot hold.
 static int64_t clock_within(long from_us, long to_us) {  // waits until that far into a second
     struct timeval tv;
@@ -139,8 +133,8 @@ TEST_F(EngineLiveTest, AnswersAndQuestionsTravelTheWholePath) {
     EXPECT_EQ(read_copies("AT+SN?#13&2\r\n", 1), "AT+SN?#13&2\r\n");
     accessory.write("+SN=QV123456#13&2\r\n");
     ASSERT_TRUE(Recorder::instance().wait_for(AT_MSG_SN));
-    EXPECT_EQ(last_notice(AT_MSG_SN).seq_num, 13);
-    EXPECT_EQ(last_notice(AT_MSG_SN).text, "QV123456");
+    EXPECT_EQ(Recorder::instance().last(AT_MSG_SN).seq_num, 13);
+    EXPECT_EQ(Recorder::instance().last(AT_MSG_SN).text, "QV123456");
     EXPECT_STREQ(g_corvel_devInfo.sn, "QV123456");
 
     // Answers split over writes, several in one write.
@@ -148,7 +142,7 @@ TEST_F(EngineLiveTest, AnswersAndQuestionsTravelTheWholePath) {
     accessory.write("10C\r\n+BAT=87,1,4120,250,1,0#9&2\r\n+RECOVERY\r\n");
     ASSERT_TRUE(Recorder::instance().wait_for(AT_MSG_RECOVERY));
     EXPECT_EQ(g_corvel_devInfo.model, 1);
-    EXPECT_EQ(last_notice(AT_MSG_BAT).values, (std::vector<int32_t>{87, 1, 4120, 250, 1, 0}));
+    EXPECT_EQ(Recorder::instance().last(AT_MSG_BAT).values, (std::vector<int32_t>{87, 1, 4120, 250, 1, 0}));
     EXPECT_TRUE(wait_until([&] { return sb.property("vendor.corvel.recovery") == "1"; }));
 
     // The accessory's own questions are answered on the wire.

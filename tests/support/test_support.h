@@ -102,6 +102,8 @@ public:
     static void callback(const AT_CMD_CbMsg_t *msg);
 
     std::vector<Notice> notices();
+    // The last notice with `msg_id`; one with no values and msg_id 0 when there is none.
+    Notice last(uint16_t msg_id);
     // Waits until at least `count` notices with `msg_id` arrived.
     bool wait_for(uint16_t msg_id, size_t count = 1, int timeout_ms = 3000);
     void clear();
