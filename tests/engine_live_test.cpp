@@ -1,6 +1,6 @@
 // The engine end to end, a pseudo-terminal playing the accessory (one per process, kept open):
-// resends and time-outs, receive and dispatch, the accessory layer's answers and questions, and
-// a serial line that vanishes and comes back.
+// resends and time-outs, receive, dispatch and forwarding, and a serial line that vanishes and
+// comes back. (The answers' parsers are the parser tests' to check.)
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
@@ -9,7 +9,6 @@
 #include <sys/time.h>
 #include <unistd.h>
 
-#include "accessory/accessory.h"
 #include "device/link_words.h"
 #include "serial/serial.h"
 #include "supervision/supervision.h"
@@ -122,34 +121,4 @@ TEST_F(EngineLiveTest, VanishedUartIsReportedAndPickedUpWhenItReturns) {
         return sb.log_text().find("Init uart") != sb.log_text().rfind("Init uart"); }));
     accessory.write("+STARTUP#8&2\r\n");
     EXPECT_TRUE(dispatched("+STARTUP#8&2"));
-}
-
-// Answers and questions through the receive thread, the parser, the dispatcher and the row
-// parsers, and the module's own lines back on the wire.
-TEST_F(EngineLiveTest, AnswersAndQuestionsTravelTheWholePath) {
-    use_uart(AT_MODE_NONE, accessory);
-    // A query of the module, answered by the accessory: stored, notified, no resend.
-    get_corvel_sn();
-    EXPECT_EQ(read_copies("AT+SN?#13&2\r\n", 1), "AT+SN?#13&2\r\n");
-    accessory.write("+SN=QV123456#13&2\r\n");
-    ASSERT_TRUE(Recorder::instance().wait_for(AT_MSG_SN));
-    EXPECT_EQ(Recorder::instance().last(AT_MSG_SN).seq_num, 13);
-    EXPECT_EQ(Recorder::instance().last(AT_MSG_SN).text, "QV123456");
-    EXPECT_STREQ(g_corvel_devInfo.sn, "QV123456");
-
-    // Answers split over writes, several in one write.
-    accessory.write("+TYPE=KV44");
-    accessory.write("10C\r\n+BAT=87,1,4120,250,1,0#9&2\r\n+RECOVERY\r\n");
-    ASSERT_TRUE(Recorder::instance().wait_for(AT_MSG_RECOVERY));
-    EXPECT_EQ(g_corvel_devInfo.model, 1);
-    EXPECT_EQ(Recorder::instance().last(AT_MSG_BAT).values, (std::vector<int32_t>{87, 1, 4120, 250, 1, 0}));
-    EXPECT_TRUE(wait_until([&] { return sb.property("vendor.corvel.recovery") == "1"; }));
-
-    // The accessory's own questions are answered on the wire.
-    accessory.write("AT+STATE?\r\n");
-    EXPECT_EQ(read_copies("+STATE=IDLE\r\n", 1), "+STATE=IDLE\r\n");
-    sb.set_property("persist.vendor.corvel.factory.wt", "PASS");
-    accessory.write("+WT\r\n");
-    EXPECT_EQ(read_copies("+WT=PASS\r\n", 1), "+WT=PASS\r\n");
-    EXPECT_FALSE(sb.wait_log("Re-send timeout cmd", 300));  // the SN answer retired the query
 }
