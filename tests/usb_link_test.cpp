@@ -1,9 +1,10 @@
 // The USB link end to end: a sandboxed "/dev" with pseudo-terminals playing the accessory's ACM
-// port, discovered by the scan at open or by the watch, told apart by their uevent files, opened
-// by the supervisor, read by the receive thread, and pulled or removed again.
+// port, discovered by the scan at open or by the watch, told apart by their names and uevent
+// files, opened by the supervisor, read by the receive thread, and pulled or removed again.
 #include <gtest/gtest.h>
 
 #include <stdio.h>
+#include <string.h>
 #include <sys/stat.h>
 #include <termios.h>
 #include <unistd.h>
@@ -77,6 +78,22 @@ protected:
 
     Sandbox sb;
     atcmdprocess_device_t *dev = nullptr;
+};
+
+struct NameRow {
+    std::string name;
+    int32_t port;  // -1: not a port, and the kept name stays as it was
+};
+
+const NameRow kNames[] = {
+    {"ttyACM3", 3},
+    {"ttyACM0x", 0},             // the number ends at the first non-digit
+    {"ttyACM", 0},               // no digits at all
+    {"xx-ttyACM12", 12},         // the key may sit anywhere in the name
+    {"ttyUSB0", -1},
+    {"ttyacm1", -1},
+    {"ttyACM99999999999", -1},   // no port path can carry it
+    {"ttyACM5" + std::string(80, 'a'), 5},
 };
 
 }  // namespace
@@ -193,3 +210,16 @@ INSTANTIATE_TEST_SUITE_P(Entries, ForeignEntryTest, ::testing::ValuesIn(kForeign
                          [](const ::testing::TestParamInfo<ForeignRow> &info) {
                              return info.param.name;
                          });
+
+// Port names seen in "/dev": which are ACM ports, the number each carries, the name kept.
+TEST(ParseDevNameTest, NumbersOnlyAcmNamesAndKeepsTheirNameCut) {
+    Sandbox sb;
+    for (const NameRow &row : kNames) {
+        SCOPED_TRACE(row.name);
+        strcpy(g_dev_ACM_name, "before");
+        EXPECT_EQ(parse_dev_name(row.name.c_str()), row.port);
+        const std::string kept = row.port == -1 ? "before" : row.name.substr(0, 63);
+        EXPECT_EQ(std::string(g_dev_ACM_name), kept);
+    }
+    EXPECT_EQ(parse_dev_name(nullptr), -1);
+}
