@@ -19,6 +19,15 @@ static std::string rec(int type, int cmd_id, int seq_num, int flag, const std::s
            "&" + std::to_string(flag) + " " + text;
 }
 
+// Runs the line parser on `text` as a receive thread from `source` does; records go to Rx_head.
+static void parse_line(const char *text, uint8_t source = AT_NODE_ACCESSORY) {
+    char line[AT_LINE_BUF_SIZE];
+    AtCmder_t cmd = {};
+    cmd.source = source;
+    cmd.data = line;
+    cmd_Parse_from_buffer(&cmd, text);
+}
+
 static std::vector<std::string> parse(const std::string &text) {
     parse_line(text.c_str());
     std::vector<std::string> got;

@@ -68,20 +68,20 @@ void write_file(const std::string &path, const std::string &content) {
     out << content;
 }
 
-std::string read_until(int fd, const std::function<bool(const std::string &)> &done,
-                       int timeout_ms) {
+std::string Pty::read_until(const std::function<bool(const std::string &)> &done,
+                            int timeout_ms) const {
     std::string got;
     const auto deadline = Clock::now() + std::chrono::milliseconds(timeout_ms);
     while (!done(got)) {
         const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
                               deadline - Clock::now()).count();
         if (left <= 0) break;
-        struct pollfd pfd = {fd, POLLIN, 0};
+        struct pollfd pfd = {master_, POLLIN, 0};
         int r = poll(&pfd, 1, static_cast<int>(left));
         if (r < 0 && errno == EINTR) continue;
         if (r <= 0) break;
         char buf[1024];
-        ssize_t n = ::read(fd, buf, sizeof buf);
+        ssize_t n = ::read(master_, buf, sizeof buf);
         if (n <= 0) break;
         got.append(buf, static_cast<size_t>(n));
     }
@@ -242,14 +242,6 @@ atcmdprocess_device_t *bare_device(int32_t platform) {
     dev.notify_callback = Recorder::callback;
     g_patcmd_dev = &dev;
     return &dev;
-}
-
-void parse_line(const char *text, uint8_t source) {
-    char line[AT_LINE_BUF_SIZE];
-    AtCmder_t cmd = {};
-    cmd.source = source;
-    cmd.data = line;
-    cmd_Parse_from_buffer(&cmd, text);
 }
 
 std::vector<QueuedLine> drain_queue(struct atcmder_queue_head *head, pthread_mutex_t *mutex) {

@@ -22,10 +22,6 @@ bool wait_until(const std::function<bool()> &pred, int timeout_ms = 3000);
 std::string read_file(const std::string &path);
 void write_file(const std::string &path, const std::string &content);
 
-// Reads from `fd` until `done(all_read)` holds, the deadline passes or the other end is gone.
-std::string read_until(int fd, const std::function<bool(const std::string &)> &done,
-                       int timeout_ms = 3000);
-
 // True when nothing waits on the transmit queue or for an answer.
 bool queues_idle();
 
@@ -69,11 +65,9 @@ public:
     void write(const std::string &bytes) const;
     // Closes the master: the device is gone, and reads on every open slave end.
     void close_master();
-    // Reads from the master until `done(all_read)` holds or the deadline passes.
+    // Reads from the master until `done(all_read)` holds, the deadline passes or the line dies.
     std::string read_until(const std::function<bool(const std::string &)> &done,
-                           int timeout_ms = 3000) const {
-        return atcmd_test::read_until(master_, done, timeout_ms);
-    }
+                           int timeout_ms = 3000) const;
 
 private:
     int master_ = -1;
@@ -126,9 +120,6 @@ struct QueuedLine {
     AtCmder_t cmd;  // cmd.data is not valid; the text is in `text`
     std::string text;
 };
-
-// Runs the line parser on `text` as a receive thread from `source` does; records go to Rx_head.
-void parse_line(const char *text, uint8_t source = AT_NODE_ACCESSORY);
 
 // Takes every record off a queue (Tx_head by default), in order.
 std::vector<QueuedLine> drain_queue(struct atcmder_queue_head *head, pthread_mutex_t *mutex);
