@@ -107,7 +107,7 @@ protected:
 
 }  // namespace
 
-TEST_F(WifiLiveTest, LinkComesUpCarriesLinesBothWaysAndDisconnectsInOrder) {
+TEST_F(WifiLiveTest, LinkComesUpCarriesLinesBothWaysRestartsOnErrorAndDisconnectsInOrder) {
     // Reports before any Wi-Fi init are dropped.
     dev->atcmdprocess_hiddemon_stchange("heartbeat:7");
     dev->atcmdprocess_hiddemon_stchange("running");
@@ -128,38 +128,33 @@ TEST_F(WifiLiveTest, LinkComesUpCarriesLinesBothWaysAndDisconnectsInOrder) {
     dev->atcmdprocess_cmd_from_hidl(&cmd);
     EXPECT_TRUE(notified(AT_MSG_VER, [](const Notice &n) { return n.seq_num == 5; }));
 
+    // "error": the upper layer hears the link is down, the daemon is stopped in order and started
+    // again, and its next "running" brings the link back.
+    Recorder::instance().clear();
+    daemon_sim_report_error(daemon.sim);
+    ASSERT_TRUE(wait_until([&] { return daemon.counters().starts == 2 && last_wificon() == 1; }, kLongWait));
+    EXPECT_EQ(daemon.counters().exits, 1);
+    EXPECT_TRUE(notified(AT_MSG_WIFICON, [](const Notice &n) { return n.values == std::vector<int32_t>{0}; }));
+    expect_line_arrives("QV2");
+
     ASSERT_EQ(dev->atcmdprocess_wifi_stchange(1), 0);  // only 0 does anything
     EXPECT_EQ(dev->system_status.wifi_status, 1);
     ASSERT_EQ(dev->atcmdprocess_wifi_stchange(0), 0);
     EXPECT_EQ(std::make_tuple(daemon.counters().exits, dev->system_status.wifi_status, dev->system_status.mode,
                               sb.property("vendor.corvel.timesync"), last_wificon(), g_fifo_rx_fd, g_fifo_tx_fd),
-              std::make_tuple(1, 0, AT_MODE_NONE, std::string("disable"), 0, -1, -1));
+              std::make_tuple(2, 0, AT_MODE_NONE, std::string("disable"), 0, -1, -1));
     EXPECT_TRUE(g_wifiRx_thread == 0 && g_wifiHBeat_thread == 0);
-    // Stopped, told, closed, the heartbeat thread ended: in that order.
+    // Stopped, told, closed, the heartbeat thread ended: in that order (the last of each).
     const std::string log = sb.log_text();
     const size_t beat_ended = log.rfind("receive signal is 14");
     ASSERT_NE(beat_ended, std::string::npos);
-    EXPECT_LT(log.find("Process Hiddemon exits successfully!"), log.find("notify_wifi_stated 0"));
-    EXPECT_LT(log.find("notify_wifi_stated 0"), log.find("wifi channel has been closed"));
-    EXPECT_LT(log.find("wifi channel has been closed"), beat_ended);
+    EXPECT_LT(log.rfind("Process Hiddemon exits successfully!"), log.rfind("notify_wifi_stated 0"));
+    EXPECT_LT(log.rfind("notify_wifi_stated 0"), log.rfind("wifi channel has been closed"));
+    EXPECT_LT(log.rfind("wifi channel has been closed"), beat_ended);
 
     // With the link no longer wanted, a "running" report starts nothing.
     dev->atcmdprocess_hiddemon_stchange("running");
     EXPECT_FALSE(wait_until([] { return link_load(g_wifiHBeat_thread) != 0; }, 300));
-}
-
-// "error": the upper layer hears the link is down, the daemon is stopped in order and started
-// again, and its next "running" brings the link back.
-TEST_F(WifiLiveTest, DaemonErrorRestartsItAndTheLinkWorksWhenItRunsAgain) {
-    bring_up();
-    expect_line_arrives("QV1");
-    Recorder::instance().clear();
-    daemon_sim_report_error(daemon.sim);
-    ASSERT_TRUE(wait_until([&] { return daemon.counters().starts == 2 && last_wificon() == 1; },
-                           kLongWait));
-    EXPECT_EQ(daemon.counters().exits, 1);
-    EXPECT_TRUE(notified(AT_MSG_WIFICON, [](const Notice &n) { return n.values == std::vector<int32_t>{0}; }));
-    expect_line_arrives("QV2");
 }
 
 // (A lost heartbeat, which restarts the daemon, is a step of the console's demonstration.)
