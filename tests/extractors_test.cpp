@@ -6,8 +6,6 @@
 #include <regex>
 
 #include "accessory/accessory.h"
-#include "hal/hal.h"
-#include "log/atcmd_log.h"
 #include "support/test_support.h"
 
 using namespace atcmd_test;

@@ -11,10 +11,8 @@
 #include <set>
 #include <vector>
 
-#include "accessory/accessory.h"
 #include "hal/hal.h"
 #include "hotplug/hotplug.h"
-#include "log/atcmd_log.h"
 #include "serial/serial.h"
 #include "supervision/supervision.h"
 #include "support/test_support.h"

@@ -5,8 +5,6 @@
 #include <string.h>
 
 #include "accessory/accessory.h"
-#include "hal/hal.h"
-#include "log/atcmd_log.h"
 #include "support/test_support.h"
 
 using namespace atcmd_test;

@@ -8,8 +8,6 @@
 
 #include <chrono>
 
-#include "hal/hal.h"
-#include "log/atcmd_log.h"
 #include "serial/serial.h"
 #include "support/test_support.h"
 

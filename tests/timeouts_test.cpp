@@ -4,8 +4,6 @@
 
 #include <sys/time.h>
 
-#include "hal/hal.h"
-#include "log/atcmd_log.h"
 #include "supervision/supervision.h"
 #include "support/test_support.h"
 

@@ -7,8 +7,6 @@
 #include <termios.h>
 #include <unistd.h>
 
-#include "hal/hal.h"
-#include "log/atcmd_log.h"
 #include "serial/serial.h"
 #include "support/test_support.h"
 #include "wifi/wifi.h"

@@ -14,7 +14,6 @@
 #include "device/link_words.h"
 #include "hotplug/hotplug.h"
 #include "serial/serial.h"
-#include "supervision/supervision.h"
 #include "support/test_support.h"
 
 using namespace atcmd_test;

@@ -14,8 +14,6 @@
 #include <functional>
 
 #include "device/link_words.h"
-#include "hal/hal.h"
-#include "log/atcmd_log.h"
 #include "sim/daemon_sim.h"
 #include "support/test_support.h"
 #include "wifi/wifi.h"
