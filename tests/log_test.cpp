@@ -65,7 +65,7 @@ TEST(LogTest, TimestampHasNoLeadingZerosAndHonoursBase) {
 
 TEST(LogTest, RunsOnWhenTheDirectoryCannotBeMade) {
     Sandbox sb;
-    write_file(sb.path("/sdcard"), "a file where the log directory's parent should be");
+    write_text_file(sb.path("/sdcard"), "a file where the log directory's parent should be");
     log_file_init(ATCMD_LOG_DIR, ATCMD_LOG_FILE);
     EXPECT_EQ(fd_logfile, nullptr);
     ATCMD_LOG(0, "still logging");  // standard output and the Android log only

@@ -30,7 +30,7 @@ TEST(PropertiesTest, StoreReadsWritesAndRefuses) {
     ASSERT_EQ(property_set("vendor.hid_sts", ""), 0);  // empty counts as unset
     EXPECT_EQ(property_get("vendor.hid_sts", value, "dflt"), 4);
 
-    write_file(sb.path("/property/net.bluetooth.macaddr"), std::string(200, 'm'));
+    write_text_file(sb.path("/property/net.bluetooth.macaddr"), std::string(200, 'm'));
     memset(value, 'Z', sizeof value);
     EXPECT_EQ(property_get("net.bluetooth.macaddr", value, ""), PROPERTY_VALUE_MAX - 1);
     EXPECT_EQ(strlen(value), static_cast<size_t>(PROPERTY_VALUE_MAX - 1));

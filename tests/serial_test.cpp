@@ -62,7 +62,7 @@ TEST_F(Serial, InitOpensOnlyTerminalsThatThenReceiveAndSend) {
     int32_t fd = 42;
     for (int i = 0; i < 2; ++i) {
         EXPECT_TRUE(init(i, &fd) == -1 && fd == -1);
-        write_file(sb.path(paths[i]), "plain");
+        write_text_file(sb.path(paths[i]), "plain");
         EXPECT_TRUE(init(i, &fd) == -1 && fd >= 0 && fcntl(fd, F_GETFD) == -1);
         ptys[i].link_as(sb, paths[i]);
         ASSERT_EQ(init(i, &fd), 0);

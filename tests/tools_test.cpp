@@ -44,7 +44,7 @@ std::string console(const std::string &args) {
 
 std::string run_console(const std::string &args, const std::string &script, int exit_code = 0) {
     const std::string script_path = std::string(getenv("ATCMD_ROOT")) + "/script.atcmd";
-    write_file(script_path, script);
+    write_text_file(script_path, script);
     return run(console(args + " '" + script_path + "'"), exit_code);
 }
 

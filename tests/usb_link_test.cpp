@@ -9,7 +9,6 @@
 #include <termios.h>
 #include <unistd.h>
 
-#include <filesystem>
 
 #include "device/link_words.h"
 #include "hotplug/hotplug.h"
@@ -29,7 +28,7 @@ using Pair = std::vector<int32_t>;
 // the receive thread may still be reading it when the test ends.
 Pty &port(const Sandbox &sb, int n, const char *uevent = kCorvelUevent) {
     const std::string name = "ttyACM" + std::to_string(n), dir = sb.path("/sys/class/tty/" + name + "/device");
-    if (uevent != nullptr) std::filesystem::create_directories(dir), write_file(dir + "/uevent", uevent);
+    if (uevent != nullptr) atcmd_tools::make_dirs(dir), write_text_file(dir + "/uevent", uevent);
     Pty &pty = kept_pty();
     pty.link_as(sb, "/dev/" + name);
     return pty;

@@ -10,6 +10,7 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <fstream>
 #include <sstream>
@@ -61,11 +62,6 @@ std::string read_file(const std::string &path) {
     std::stringstream ss;
     ss << in.rdbuf();
     return ss.str();
-}
-
-void write_file(const std::string &path, const std::string &content) {
-    std::ofstream out(path, std::ios::binary | std::ios::trunc);
-    out << content;
 }
 
 std::string Pty::read_until(const std::function<bool(const std::string &)> &done,
@@ -161,16 +157,6 @@ void Pty::close_master() {
     master_ = -1;
 }
 
-void Pty::write(const std::string &bytes) const {
-    size_t done = 0;
-    while (done < bytes.size()) {
-        ssize_t n = ::write(master_, bytes.data() + done, bytes.size() - done);
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) throw std::runtime_error("pty write failed");
-        done += static_cast<size_t>(n);
-    }
-}
-
 Pty &kept_pty() {
     static std::vector<Pty *> *const kept = new std::vector<Pty *>;
     kept->push_back(new Pty);
@@ -192,7 +178,6 @@ void Recorder::callback(const AT_CMD_CbMsg_t *msg) {
     Recorder &r = instance();
     std::lock_guard<std::mutex> lock(r.mutex_);
     r.notices_.push_back(std::move(n));
-    r.changed_.notify_all();
 }
 
 std::vector<Notice> Recorder::notices() {
@@ -209,12 +194,11 @@ Notice Recorder::last(uint16_t msg_id) {
 }
 
 bool Recorder::wait_for(uint16_t msg_id, size_t count, int timeout_ms) {
-    std::unique_lock<std::mutex> lock(mutex_);
-    return changed_.wait_for(lock, std::chrono::milliseconds(timeout_ms), [&] {
-        size_t c = 0;
-        for (const Notice &n : notices_) c += n.msg_id == msg_id;
-        return c >= count;
-    });
+    return wait_until([&] {
+        std::lock_guard<std::mutex> lock(mutex_);
+        return std::count_if(notices_.begin(), notices_.end(),
+                             [&](const Notice &n) { return n.msg_id == msg_id; }) >= static_cast<long>(count);
+    }, timeout_ms);
 }
 
 void Recorder::clear() {

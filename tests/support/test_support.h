@@ -5,14 +5,15 @@
 #include <stdint.h>
 
 #include <functional>
+#include <stdexcept>
 #include <mutex>
-#include <condition_variable>
 #include <string>
 #include <vector>
 
 #include <atcmdprocess/atcmdprocess.h>
 
 #include "engine/engine.h"
+#include "sim/sim_util.h"
 
 namespace atcmd_test {
 
@@ -20,7 +21,7 @@ namespace atcmd_test {
 bool wait_until(const std::function<bool()> &pred, int timeout_ms = 3000);
 
 std::string read_file(const std::string &path);
-void write_file(const std::string &path, const std::string &content);
+using atcmd_tools::write_text_file;  // files are written the one way the tools write them
 
 // True when nothing waits on the transmit queue or for an answer.
 bool queues_idle();
@@ -62,7 +63,9 @@ public:
     const std::string &slave_path() const { return slave_path_; }
     // Symlinks `sandbox_path` (as written, e.g. "/dev/ttyACM3") to the slave.
     void link_as(const Sandbox &sb, const std::string &as_written) const;
-    void write(const std::string &bytes) const;
+    void write(const std::string &bytes) const {
+        if (!atcmd_tools::write_all(master_, bytes.data(), bytes.size())) throw std::runtime_error("pty write failed");
+    }
     // Closes the master: the device is gone, and reads on every open slave end.
     void close_master();
     // Reads from the master until `done(all_read)` holds, the deadline passes or the line dies.
@@ -104,7 +107,6 @@ public:
 
 private:
     std::mutex mutex_;  // guards notices_
-    std::condition_variable changed_;
     std::vector<Notice> notices_;
 };
 
