@@ -7,7 +7,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <fstream>
 #include <random>
 #include <sstream>
 
@@ -83,9 +82,10 @@ public:
         case kWifiDown: wifi(false); break;
         case kSilenceUntilRestart:
             ASSERT_TRUE(wait_until([&] { return report() == Report::Running; }, kSettleMs));
-            const size_t from = log_end();
+            const size_t from = sb_.log_size();
             daemon_sim_set_silent(daemon_, true);
-            ASSERT_TRUE(wait_until([&] { return log_has(from, "lost heart beat"); }, kSettleMs));
+            ASSERT_TRUE(wait_until([&] { return sb_.log_text(from).find("lost heart beat") != std::string::npos; },
+                                   kSettleMs));
             unlink(sb_.path("/dev/fifo_cmd").c_str());  // the old daemon is gone for good
             break;
         }
@@ -99,11 +99,7 @@ public:
             std::chrono::duration_cast<std::chrono::milliseconds>(left).count());
         if (left_ms > 0) wait_until([&] { return acc_sim_plugged(acc_); }, left_ms);
         if (!wait_until([&] { return differences().empty(); }, kSettleMs)) return differences();
-        const size_t from = log_end();
-        dev_->atcmdprocess_amlogic_shake_hands();
-        if (!wait_until([&] { return log_has(from, "got signal 26"); }, kSettleMs)) {
-            return "the supervisor did not look again";
-        }
+        if (!supervisor_caught_up(sb_, kSettleMs)) return "the supervisor did not look again";
         wait_until([&] { return differences().empty(); }, 2000);
         return differences();
     }
@@ -171,17 +167,6 @@ private:
     }
 
     Report report() { std::lock_guard<std::mutex> lock(mu_); return report_; }
-
-    // The module's log grows long over a shard: only what came after `from` is read.
-    size_t log_end() const {
-        return static_cast<size_t>(std::ifstream(sb_.log_path(), std::ios::ate).tellg());
-    }
-    bool log_has(size_t from, const std::string &text) const {
-        std::ifstream in(sb_.log_path(), std::ios::binary);
-        in.seekg(static_cast<std::streamoff>(from));
-        const std::string got{std::istreambuf_iterator<char>(in), {}};
-        return got.find(text) != std::string::npos;
-    }
 
     Sandbox sb_{kWithLog};
     atcmdprocess_device_t *dev_ = nullptr;

@@ -53,15 +53,6 @@ bool usb_events(size_t count) {
     return Recorder::instance().wait_for(AT_MSG_USBSTATE, count, kLongWait);
 }
 
-// Returns once every signal sent to the supervisor before the call has been handled: the
-// handshake signal it sends is taken after them (one thread, lower numbers first).
-bool supervisor_caught_up(const Sandbox &sb) {
-    const std::string marker = "handling thread got signal 26";
-    const size_t before = count_in_log(sb, marker);
-    atcmdprocess_amlogic_shake_hands();
-    return wait_until([&] { return count_in_log(sb, marker) > before; }, kLongWait);
-}
-
 class UsbLinkTest : public ::testing::Test {
 protected:
     void SetUp() override {

@@ -21,6 +21,7 @@
 
 #include "engine/engine.h"
 #include "hal/hal.h"
+#include "hotplug/hotplug.h"
 #include "log/atcmd_log.h"
 #include "sim/messages.h"
 
@@ -113,7 +114,11 @@ std::string Sandbox::log_path() const {
     return root_ + std::string(ATCMD_LOG_DIR) + "/" + ATCMD_LOG_FILE;
 }
 
-std::string Sandbox::log_text() const { return read_file(log_path()); }
+std::string Sandbox::log_text(size_t from) const {
+    std::ifstream in(log_path(), std::ios::binary);
+    in.seekg(static_cast<std::streamoff>(from));
+    return std::string(std::istreambuf_iterator<char>(in), {});
+}
 
 bool Sandbox::wait_log(const std::string &text, int timeout_ms) const {
     return wait_until([&] { return log_text().find(text) != std::string::npos; }, timeout_ms);
@@ -204,6 +209,13 @@ bool Recorder::wait_for(uint16_t msg_id, size_t count, int timeout_ms) {
 void Recorder::clear() {
     std::lock_guard<std::mutex> lock(mutex_);
     notices_.clear();
+}
+
+bool supervisor_caught_up(const Sandbox &sb, int timeout_ms) {
+    const size_t from = sb.log_size();
+    atcmdprocess_amlogic_shake_hands();
+    return wait_until([&] { return sb.log_text(from).find("handling thread got signal 26") != std::string::npos; },
+                      timeout_ms);
 }
 
 atcmdprocess_device_t *open_module() {

@@ -41,7 +41,9 @@ public:
     const std::string &root() const { return root_; }
     std::string path(const std::string &as_written) const { return root_ + as_written; }
     std::string log_path() const;
-    std::string log_text() const;
+    // The log file from byte `from` on: a long run's log is read only past what was seen.
+    std::string log_text(size_t from = 0) const;
+    size_t log_size() const { return log_text().size(); }
     // Waits until the log file holds `text`.
     bool wait_log(const std::string &text, int timeout_ms = 3000) const;
     std::string property(const std::string &key) const;  // "" when unset
@@ -109,6 +111,10 @@ private:
     std::mutex mutex_;  // guards notices_
     std::vector<Notice> notices_;
 };
+
+// Asks the supervisor to look again (a handshake signal, which it takes after every signal sent
+// before it) and waits until the log shows it was taken.
+bool supervisor_caught_up(const Sandbox &sb, int timeout_ms = 15000);
 
 // Opens the module through HMI's open method and installs the recorder's callback.
 atcmdprocess_device_t *open_module();
