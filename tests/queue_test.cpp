@@ -84,37 +84,21 @@ TEST_F(QueueTest, EmptyTextIsAcceptedThenDroppedLeavingTheQueueLocked) {
 
 namespace {
 
-// One engine queue with its locks and its producer entry.
-struct EngineQueue {
-    const char *name;
-    struct atcmder_queue_head *head;
-    pthread_mutex_t *list_mutex;
-    pthread_mutex_t *wait_mutex;
-    pthread_cond_t *not_empty;
-    uint32_t (*send)(const AtCmder_t *cmd);
-};
-
-const EngineQueue kEngineQueues[] = {
-    {"Rx", &Rx_head, &g_rxqueue_mutex, &rxbuffer_Mutex, &rxbuffer_notempty, atcmder_send_to_rx},
-    {"Tx", &Tx_head, &g_txqueue_mutex, &txbuffer_Mutex, &txbuffer_notempty, atcmder_send_to_tx},
-    {"Timeout", &Timeout_head, &g_timeoutqueue_mutex, &timeoutbuffer_Mutex,
-     &timeoutbuffer_notempty, atcmder_send_to_timeout},
-};
-
 constexpr uint8_t kStopSource = 99;
 
-uint32_t send(const EngineQueue &q, uint8_t source, uint16_t seq) {
+// Every engine queue shares one wake-up protocol; the receive queue stands for all three.
+uint32_t send(uint8_t source, uint16_t seq) {
     char text[] = "+OK\r\n";
     AtCmder_t cmd = {AT_TYPE_RESPONSE, source, 0, 0, 0, AT_MSG_OK, seq, 0, 0, text};
-    return q.send(&cmd);
+    return atcmder_send_to_rx(&cmd);
 }
 
-// A consumer as the engine's threads run one: wait, then drain everything queued. Counts how
+// A consumer as the dispatch thread runs one: wait, then drain everything queued. Counts how
 // often its wait returned and the records it took.
 struct Consumer {
-    explicit Consumer(const EngineQueue &queue) : q(queue), thread([this] { run(); }) {}
+    Consumer() : thread([this] { run(); }) {}
     ~Consumer() {
-        send(q, kStopSource, 0);
+        send(kStopSource, 0);
         thread.join();
     }
     void run() {
@@ -123,9 +107,9 @@ struct Consumer {
         AtCmder_t cmd = {};
         cmd.data = text;
         for (;;) {
-            atcmder_wait_queue(q.head, q.list_mutex, q.wait_mutex, q.not_empty);
+            atcmder_wait_queue(&Rx_head, &g_rxqueue_mutex, &rxbuffer_Mutex, &rxbuffer_notempty);
             wakeups.fetch_add(1);
-            while (atcmder_dequeue(q.head, q.list_mutex, &cmd) == ATCMDER_QUEUE_OK) {
+            while (atcmder_dequeue(&Rx_head, &g_rxqueue_mutex, &cmd) == ATCMDER_QUEUE_OK) {
                 if (cmd.source == kStopSource) return;
                 taken.fetch_add(1);
             }
@@ -148,14 +132,11 @@ struct Consumer {
         return stat.rfind(')') != std::string::npos && stat.compare(stat.rfind(')'), 3, ") S") == 0;
     }
 
-    const EngineQueue &q;
     std::atomic<pid_t> tid{0};
     std::atomic<long> wakeups{0};
     std::atomic<long> taken{0};
     std::thread thread;
 };
-
-struct WakeupTest : ::testing::TestWithParam<EngineQueue> {};
 
 }  // namespace
 
@@ -164,8 +145,8 @@ struct WakeupTest : ::testing::TestWithParam<EngineQueue> {};
 // their wake-ups race its emptiness test: a lost wake-up leaves records queued with the consumer
 // asleep for good (it has no periodic re-test), and the deadline fails the test. (The order of
 // records from racing producers is the line parser's concurrency test to check.)
-TEST_P(WakeupTest, IdleConsumerSleepsABurstWakesItOnceAndNoWakeUpIsLostUnderManyProducers) {
-    Consumer consumer(GetParam());
+TEST(WakeupTest, IdleConsumerSleepsABurstWakesItOnceAndNoWakeUpIsLostUnderManyProducers) {
+    Consumer consumer;
     // Counted only once the consumer sleeps: going to sleep is itself a switch.
     ASSERT_TRUE(wait_until([&] { return consumer.tid != 0 && consumer.sleeping(); }));
     ASSERT_EQ(consumer.wakeups, 0);
@@ -174,10 +155,10 @@ TEST_P(WakeupTest, IdleConsumerSleepsABurstWakesItOnceAndNoWakeUpIsLostUnderMany
     EXPECT_EQ(consumer.switches(), asleep);
 
     atcmder_burst_begin();
-    for (uint16_t seq = 0; seq < 50; ++seq) ASSERT_EQ(send(GetParam(), 1, seq), 0u);
+    for (uint16_t seq = 0; seq < 50; ++seq) ASSERT_EQ(send(1, seq), 0u);
     usleep(100 * 1000);
     EXPECT_EQ(consumer.wakeups, 0);  // records and wake-up are held until the burst ends
-    EXPECT_EQ(atcmder_empty_queue(GetParam().head, GetParam().list_mutex), 1u);
+    EXPECT_EQ(atcmder_empty_queue(&Rx_head, &g_rxqueue_mutex), 1u);
     atcmder_burst_end();
     ASSERT_TRUE(wait_until([&] { return consumer.taken == 50; }));
     EXPECT_EQ(consumer.wakeups, 1);
@@ -190,7 +171,7 @@ TEST_P(WakeupTest, IdleConsumerSleepsABurstWakesItOnceAndNoWakeUpIsLostUnderMany
             for (uint16_t seq = 0; seq < kPerProducer; ++seq) {
                 const bool bursts = p % 2 == 1;  // half the producers hand over in bursts
                 if (bursts && seq % 8 == 0) atcmder_burst_begin();
-                send(GetParam(), p, seq);
+                send(p, seq);
                 if (bursts && (seq % 8 == 7 || seq + 1 == kPerProducer)) atcmder_burst_end();
                 if (seq % 64 == 0) usleep(50);  // let the consumer run dry and sleep
             }
@@ -200,6 +181,3 @@ TEST_P(WakeupTest, IdleConsumerSleepsABurstWakesItOnceAndNoWakeUpIsLostUnderMany
     ASSERT_TRUE(wait_until([&] { return consumer.taken == 50 + kProducers * kPerProducer; }, 20000))
         << consumer.taken << " records taken";
 }
-
-INSTANTIATE_TEST_SUITE_P(EngineQueues, WakeupTest, ::testing::ValuesIn(kEngineQueues),
-                         [](const auto &info) { return std::string(info.param.name); });

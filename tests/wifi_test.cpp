@@ -187,27 +187,6 @@ TEST(WifiChannelTest, MissingTransmitFifoGivesCodeTenAndKeepsTheReceiveFifoOpen)
     EXPECT_EQ(g_fifo_rx_fd, -1);
 }
 
-TEST(WifiChannelTest, LinesAreMarkedAsComingFromTheOtherPlatform) {
-    for (const auto &c : {std::pair<int32_t, uint8_t>{PLATFORM_VUART, AT_NODE_PLATFORM2},
-                          {PLATFORM_UART, AT_NODE_PLATFORM1}}) {
-        Sandbox sb;
-        bare_device(c.first);
-        make_fifo(sb, "/dev/fifo_rx");
-        make_fifo(sb, "/dev/fifo_tx");
-        ASSERT_EQ(Socket_Fifo_Init(), 0);
-        ASSERT_EQ(pthread_create(&g_wifiRx_thread, nullptr, atcmder_wifiRx_thread, nullptr), 0);
-        write_rx(sb, "+BAT=87,1,4120,250,1,0\r\n");
-        ASSERT_TRUE(wait_until([] { return atcmder_empty_queue(&Rx_head, &g_rxqueue_mutex) == 0; }));
-        const std::vector<QueuedLine> lines = drain_queue(&Rx_head, &g_rxqueue_mutex);
-        ASSERT_EQ(lines.size(), 1u);
-        EXPECT_EQ(lines[0].cmd.source, c.second);
-        EXPECT_EQ(lines[0].cmd.cmd_id, AT_MSG_BAT);
-        stop_wifi_channel();
-        EXPECT_EQ(g_wifiRx_thread, 0u);
-        EXPECT_EQ(epfd_socket, 0);
-    }
-}
-
 // The client side stops a running daemon only for a new server; with no daemon yet (no
 // fifo_cmd) the stop falls back to the property at once.
 TEST(WifiDaemonTest, ClientStartStopsTheDaemonOnlyForANewServer) {
