@@ -193,7 +193,8 @@ TEST_F(ParsersTest, ValueLogsPrintTheRowsWordsAndTheLinesNumbers) {
     bare_device(P1);
     const auto idx = [](int row) { return ", cmdIDX is " + std::to_string(row); };
     const std::vector<std::pair<std::string, std::string>> rows = {
-        {"+REBOOT=-2147483648#1&1\r\n", "REBOOT_parser state is -2147483648" + idx(AT_MSG_REBOOT)},
+        {"+REBOOT=-2147483648#1&1\r\n", "REBOOT_parser state is -2147483648" + idx(AT_MSG_REBOOT) + "["},
+        {"+RESET=3#2&1\r\n", "corvel reset value is 3" + idx(AT_MSG_RESET) + "["},  // no seq num
         {"+SCREEN=2147483647\r\n", "corvel screen value is 2147483647" + idx(AT_MSG_SCREEN)},
         {"+BKL=80#7&1\r\n", "BKL_parser backlight is 80" + idx(AT_MSG_BKL) + ", seq num is 7"},
         {"+BAT=1,-2,3,4,5,2147483647\r\n", "batinfo: 1, -2, 3, 4, 5, 2147483647["},
