@@ -114,6 +114,11 @@ std::string Sandbox::log_path() const {
     return root_ + std::string(ATCMD_LOG_DIR) + "/" + ATCMD_LOG_FILE;
 }
 
+size_t Sandbox::log_size() const {
+    const std::streamoff end = std::ifstream(log_path(), std::ios::binary | std::ios::ate).tellg();
+    return end < 0 ? 0 : static_cast<size_t>(end);
+}
+
 std::string Sandbox::log_text(size_t from) const {
     std::ifstream in(log_path(), std::ios::binary);
     in.seekg(static_cast<std::streamoff>(from));

@@ -43,7 +43,7 @@ public:
     std::string log_path() const;
     // The log file from byte `from` on: a long run's log is read only past what was seen.
     std::string log_text(size_t from = 0) const;
-    size_t log_size() const { return log_text().size(); }
+    size_t log_size() const;
     // Waits until the log file holds `text`.
     bool wait_log(const std::string &text, int timeout_ms = 3000) const;
     std::string property(const std::string &key) const;  // "" when unset
