@@ -58,7 +58,6 @@ void expect_in_order(const std::string &out, const std::vector<std::string> &ste
     }
 }
 
-
 // Starts the console on `commands` with its trace in the sandbox; its process id.
 pid_t start_console(const Sandbox &sb, const std::string &options, const std::string &commands) {
     const std::string line = "exec " + console(options + " --trace '" + sb.path("/t.json") + "' -c '" +

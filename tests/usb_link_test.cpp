@@ -9,7 +9,6 @@
 #include <termios.h>
 #include <unistd.h>
 
-
 #include "device/link_words.h"
 #include "hotplug/hotplug.h"
 #include "serial/serial.h"
