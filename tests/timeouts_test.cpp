@@ -1,5 +1,5 @@
-// Answer time-outs (the thread runs alone, so resends stay on Tx_head) and the answers that
-// retire a request. (The UART's failure notice is the engine's live test's to check.)
+// Answer time-outs: the thread runs alone, so resends stay on Tx_head. (Which answer retires a
+// request, and the UART's failure notice, are the engine's live tests' to check.)
 #include <gtest/gtest.h>
 
 #include <sys/time.h>
@@ -41,22 +41,4 @@ TEST_F(TimeoutTest, DueRuleIsExclusiveOrNotElapsedTimeAndEmptyTextIsDroppedSilen
     EXPECT_EQ(texts(drain_tx_queue()), "previous second\r\n");
     EXPECT_EQ(texts(drain_queue(&Timeout_head, &g_timeoutqueue_mutex)), "five seconds old\r\njust now\r\n");
     EXPECT_TRUE(Recorder::instance().notices().empty());
-}
-
-TEST_F(TimeoutTest, OnlyAnAnswerToThisPlatformRetiresTheOldestRequestWithItsNumber) {
-    watch("older\r\n", 7, 1, 0);
-    watch("other\r\n", 8, 1, 0);
-    watch("newer\r\n", 7, 1, 0);
-    watch("unnumbered\r\n", 0, 1, 0);
-    // Only the last retires a request: the oldest with its number, whatever the command.
-    const struct { uint8_t type, flag; uint16_t seq_num; } answers[] = {
-        {AT_TYPE_REPORT, 1, 7}, {AT_TYPE_QUERY, 1, 7}, {AT_TYPE_RESPONSE, 2, 7},
-        {AT_TYPE_RESPONSE, 1, 0}, {AT_TYPE_RESPONSE, 1, 99}, {AT_TYPE_RESPONSE, 1, 7}};
-    for (const auto &a : answers) {
-        char text[] = "+STARTUP\r\n";  // a row without a parser
-        AtCmder_t answer = {a.type, AT_NODE_ACCESSORY, 0, a.flag, 0, AT_MSG_STARTUP, a.seq_num, 0, 0, text};
-        EXPECT_EQ(atcmder_dispatch(&answer), 0u);
-    }
-    EXPECT_TRUE(sb.wait_log("No. 7 atcmd has been removed!", 0));
-    EXPECT_EQ(texts(drain_queue(&Timeout_head, &g_timeoutqueue_mutex)), "other\r\nnewer\r\nunnumbered\r\n");
 }
