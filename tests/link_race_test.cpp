@@ -84,8 +84,7 @@ public:
             ASSERT_TRUE(wait_until([&] { return report() == Report::Running; }, kSettleMs));
             const size_t from = sb_.log_size();
             daemon_sim_set_silent(daemon_, true);
-            ASSERT_TRUE(wait_until([&] { return sb_.log_text(from).find("lost heart beat") != std::string::npos; },
-                                   kSettleMs));
+            ASSERT_TRUE(sb_.wait_log("lost heart beat", kSettleMs, from));
             unlink(sb_.path("/dev/fifo_cmd").c_str());  // the old daemon is gone for good
             break;
         }

@@ -86,11 +86,6 @@ protected:
         EXPECT_TRUE(wait_until(queues_idle, 10000));
         Recorder::instance().clear();
     }
-    void bring_up() {
-        ASSERT_EQ(dev->atcmdprocess_wifi_init("0.0.0.0"), 0);
-        ASSERT_TRUE(wait_until([&] { return sb.property("vendor.corvel.timesync") == "enable"; },
-                               kLongWait));
-    }
     // A line from the accessory reaches its parser, marked as coming from platform 2.
     void expect_line_arrives(const std::string &sn) {
         write_rx(sb, "+SN=" + sn + "#13&1\r\n");
@@ -112,7 +107,8 @@ TEST_F(WifiLiveTest, LinkComesUpCarriesLinesBothWaysRestartsOnErrorAndDisconnect
     EXPECT_EQ(g_wifiHBeat_num, 0u);
     EXPECT_EQ(sb.log_text().find("hiddemon status is"), std::string::npos);
 
-    bring_up();
+    ASSERT_EQ(dev->atcmdprocess_wifi_init("0.0.0.0"), 0);
+    ASSERT_TRUE(wait_until([&] { return sb.property("vendor.corvel.timesync") == "enable"; }, kLongWait));
     EXPECT_EQ(sb.property("vendor.hid_cmd"), "start_server");
     EXPECT_EQ(daemon.counters().exits, 0);  // the server start stops nothing
     EXPECT_TRUE(dev->system_status.mode == AT_MODE_WIFI && link_load(g_wifiRx_thread) != 0 &&

@@ -125,8 +125,8 @@ std::string Sandbox::log_text(size_t from) const {
     return std::string(std::istreambuf_iterator<char>(in), {});
 }
 
-bool Sandbox::wait_log(const std::string &text, int timeout_ms) const {
-    return wait_until([&] { return log_text().find(text) != std::string::npos; }, timeout_ms);
+bool Sandbox::wait_log(const std::string &text, int timeout_ms, size_t from) const {
+    return wait_until([&] { return log_text(from).find(text) != std::string::npos; }, timeout_ms);
 }
 
 std::string Sandbox::property(const std::string &key) const {
@@ -219,8 +219,7 @@ void Recorder::clear() {
 bool supervisor_caught_up(const Sandbox &sb, int timeout_ms) {
     const size_t from = sb.log_size();
     atcmdprocess_amlogic_shake_hands();
-    return wait_until([&] { return sb.log_text(from).find("handling thread got signal 26") != std::string::npos; },
-                      timeout_ms);
+    return sb.wait_log("handling thread got signal 26", timeout_ms, from);
 }
 
 atcmdprocess_device_t *open_module() {

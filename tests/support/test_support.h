@@ -44,8 +44,8 @@ public:
     // The log file from byte `from` on: a long run's log is read only past what was seen.
     std::string log_text(size_t from = 0) const;
     size_t log_size() const;
-    // Waits until the log file holds `text`.
-    bool wait_log(const std::string &text, int timeout_ms = 3000) const;
+    // Waits until the log file holds `text` past byte `from`.
+    bool wait_log(const std::string &text, int timeout_ms = 3000, size_t from = 0) const;
     std::string property(const std::string &key) const;  // "" when unset
     void set_property(const std::string &key, const std::string &value) const;
 
