@@ -184,7 +184,11 @@ void release(size_t index) {
     if (!h.open) return;
     struct atcmder_node *surplus = nullptr;
     pthread_mutex_lock(w.list_mutex);
-    TAILQ_CONCAT(w.head, &h.records, link);
+    // One by one: bionic's <sys/queue.h> has no TAILQ_CONCAT.
+    while (struct atcmder_node *node = TAILQ_FIRST(&h.records)) {
+        TAILQ_REMOVE(&h.records, node, link);
+        TAILQ_INSERT_TAIL(w.head, node, link);
+    }
     while (struct atcmder_node *node = pop_node(h.spares)) {
         if (!keep_spare(&w, node)) push_node(surplus, node);
     }

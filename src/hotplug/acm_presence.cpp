@@ -25,10 +25,11 @@ constexpr char kDevDir[] = "/dev";
 constexpr short kPortGone = POLLHUP | POLLERR | POLLNVAL;
 
 // An entry as it stands: a node made anew (a re-plug, even under the same name) differs.
+// The fields take stat's own types: on 32-bit bionic st_dev and st_ino are wider than dev_t.
 struct EntryId {
     int32_t number = -1;
-    dev_t dev = 0;
-    ino_t ino = 0;
+    decltype(stat::st_dev) dev = 0;
+    decltype(stat::st_ino) ino = 0;
     bool operator==(const EntryId &o) const {
         return number == o.number && dev == o.dev && ino == o.ino;
     }
