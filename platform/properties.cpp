@@ -13,6 +13,7 @@
 #include <unistd.h>
 
 #include "platform/root_path.h"
+#include "platform/thread_id.h"
 
 namespace {
 
@@ -115,7 +116,7 @@ int property_set(const char *key, const char *value) {
     char tmp[ATCMD_ROOTED_PATH_MAX + 32];
     if (key_path(key, path, sizeof path) != 0 || store_dir(dir, sizeof dir) != 0) return -1;
     if (make_dirs(dir) != 0) return -1;
-    snprintf(tmp, sizeof tmp, "%s/.%s.%d.%d.tmp", dir, key, (int)getpid(), (int)gettid());
+    snprintf(tmp, sizeof tmp, "%s/.%s.%d.%d.tmp", dir, key, (int)getpid(), atcmd_thread_id());
     {
         Fd file{open(tmp, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644)};
         if (file.fd < 0) return -1;

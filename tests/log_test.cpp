@@ -13,6 +13,7 @@
 
 #include "hal/hal.h"
 #include "log/atcmd_log.h"
+#include "platform/thread_id.h"
 #include "support/test_support.h"
 
 using namespace atcmd_test;
@@ -53,7 +54,7 @@ TEST(LogTest, EachThreadAndAForkedChildLogTheirOwnId) {
     Sandbox sb(kWithLog);
     const auto log_marked = [](const char *marker) {  // the tid the prefix should carry
         ATCMD_LOG(4, "%s\n", marker);
-        return static_cast<int>(gettid());
+        return atcmd_thread_id();
     };
     const int main_tid = log_marked("from-main");
     int other_tid = 0;

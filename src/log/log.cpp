@@ -18,6 +18,7 @@
 #include <algorithm>
 
 #include "platform/root_path.h"
+#include "platform/thread_id.h"
 
 int32_t log_level = 4;
 FILE *fd_logfile = nullptr;
@@ -41,7 +42,7 @@ int cached_tid() {
     if (t_tid == 0) {
         static const int registered = pthread_atfork(nullptr, nullptr, forget_tid_in_child);
         (void)registered;
-        t_tid = (int)gettid();
+        t_tid = atcmd_thread_id();
     }
     return t_tid;
 }
