@@ -6,6 +6,8 @@
 #include <pty.h>
 #include <stdlib.h>
 #include <string.h>
+#include <errno.h>
+#include <stdio.h>
 #include <sys/stat.h>
 #include <time.h>
 #include <unistd.h>
@@ -14,7 +16,6 @@
 #include <chrono>
 #include <fstream>
 #include <sstream>
-#include <stdexcept>
 #include <thread>
 
 #include <cutils/properties.h>
@@ -45,6 +46,13 @@ using Clock = std::chrono::steady_clock;
 int remove_entry(const char *path, const struct stat *, int, struct FTW *) {
     remove(path);
     return 0;
+}
+
+// A test whose set-up fails cannot go on; the case ends here, in its own process, with the cause.
+// (The platform compiles tests without exceptions, so there is nothing to throw.)
+[[noreturn]] void support_failed(const std::string &what) {
+    fprintf(stderr, "test set-up failed: %s: %s\n", what.c_str(), strerror(errno));
+    abort();
 }
 
 }  // namespace
@@ -96,7 +104,7 @@ Sandbox::Sandbox() {
                        "/atcmd-test-XXXXXX";
     std::vector<char> buf(tmpl.begin(), tmpl.end());
     buf.push_back('\0');
-    if (mkdtemp(buf.data()) == nullptr) throw std::runtime_error("mkdtemp failed");
+    if (mkdtemp(buf.data()) == nullptr) support_failed("mkdtemp " + tmpl);
     root_ = buf.data();
     mkdir((root_ + "/dev").c_str(), 0755);
     setenv("ATCMD_ROOT", root_.c_str(), 1);
@@ -142,7 +150,7 @@ void Sandbox::set_property(const std::string &key, const std::string &value) con
 Pty::Pty() {
     char name[256];
     if (openpty(&master_, &slave_, name, nullptr, nullptr) != 0) {
-        throw std::runtime_error("openpty failed");
+        support_failed("openpty");
     }
     fcntl(master_, F_SETFD, FD_CLOEXEC);
     fcntl(slave_, F_SETFD, FD_CLOEXEC);
@@ -158,8 +166,12 @@ void Pty::link_as(const Sandbox &sb, const std::string &as_written) const {
     const std::string link = sb.path(as_written);
     unlink(link.c_str());
     if (symlink(slave_path_.c_str(), link.c_str()) != 0) {
-        throw std::runtime_error("symlink failed: " + link);
+        support_failed("symlink " + link);
     }
+}
+
+void Pty::write(const std::string &bytes) const {
+    if (!atcmd_tools::write_all(master_, bytes.data(), bytes.size())) support_failed("pty write");
 }
 
 void Pty::close_master() {

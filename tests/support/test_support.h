@@ -5,7 +5,6 @@
 #include <stdint.h>
 
 #include <functional>
-#include <stdexcept>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -65,9 +64,7 @@ public:
     const std::string &slave_path() const { return slave_path_; }
     // Symlinks `sandbox_path` (as written, e.g. "/dev/ttyACM3") to the slave.
     void link_as(const Sandbox &sb, const std::string &as_written) const;
-    void write(const std::string &bytes) const {
-        if (!atcmd_tools::write_all(master_, bytes.data(), bytes.size())) throw std::runtime_error("pty write failed");
-    }
+    void write(const std::string &bytes) const;
     // Closes the master: the device is gone, and reads on every open slave end.
     void close_master();
     // Reads from the master until `done(all_read)` holds, the deadline passes or the line dies.
