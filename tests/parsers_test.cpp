@@ -4,6 +4,9 @@
 
 #include <string.h>
 
+#include <array>
+#include <regex>
+
 #include "accessory/accessory.h"
 #include "support/test_support.h"
 
@@ -184,6 +187,23 @@ TEST_F(ParsersTest, TypeSetsTheModelAndSystemActionsGoThroughProperties) {
         EXPECT_EQ(log.find(stop) != npos, mode == WIFI);
         EXPECT_EQ(sb.property("sys.powerctl"), "shutdown");
     }
+}
+
+// A set the property service refuses (here a store that cannot be written: a file stands where
+// its folder should be, which stops root too) is logged with the key and the value under the
+// answer's parser, and the answer is handled all the same.
+TEST_F(ParsersTest, RefusedPropertySetsAreLoggedWithKeyAndValue) {
+    bare_device(P1)->system_status.mode = USB;
+    write_text_file(sb.path("/property"), "not a folder");
+    const std::vector<std::array<std::string, 3>> rows = {
+        {"+RECOVERY\r\n", "2#0=- | @2", "]RECOVERY_parser:\\d+: property_set vendor.corvel.recovery=1 failed \\(-1\\)"},
+        {"+SHUTDOWN#3&1\r\n", "3#3=- | @2", "]SHUTDOWN_parser:\\d+: property_set sys.powerctl=shutdown failed \\(-1\\)"},
+    };
+    for (const auto &[line, outcome, logged] : rows) {
+        EXPECT_EQ(run(line), outcome);
+        EXPECT_TRUE(std::regex_search(log, std::regex(logged))) << log;
+    }
+    EXPECT_EQ(sb.property("vendor.corvel.recovery") + sb.property("sys.powerctl"), "");
 }
 
 // Each row's value log: the words come from the row, the numbers from the line (a list ends

@@ -18,6 +18,7 @@
 #include "accessory/accessory.h"
 #include "device/device.h"
 #include "device/link_words.h"
+#include "device/properties.h"
 #include "engine/engine.h"
 #include "hotplug/hotplug.h"
 #include "log/atcmd_log.h"
@@ -410,7 +411,7 @@ uint32_t parse_notice(const NoticeRow &row, AtCmder_t *cmd, const char *parser) 
     return kParsed;
 }
 
-void set_recovery_flag() { property_set(kRecoveryProp, kRecoveryOn); }
+void set_recovery_flag() { atcmd_property_set("RECOVERY_parser", kRecoveryProp, kRecoveryOn); }
 
 // Only this row powers the phone off. In Wi-Fi mode the peer learns PWROFF first and the link is
 // stopped, with a moment for the stop to go out.
@@ -420,7 +421,7 @@ void power_off_phone() {
         atcmdprocess_wifi_stchange(kWifiOff);
         usleep(kShutdownWifiSettleUs);
     }
-    property_set(kPowerctlProp, kPowerctlShutdown);
+    atcmd_property_set("SHUTDOWN_parser", kPowerctlProp, kPowerctlShutdown);
 }
 
 // UPGRADE's first log has always carried RECOVERY's name.

@@ -22,11 +22,10 @@
 #include <sys/prctl.h>
 #include <unistd.h>
 
-#include <cutils/properties.h>
-
 #include "accessory/accessory.h"
 #include "device/device.h"
 #include "device/link_words.h"
+#include "device/properties.h"
 #include "hotplug/hotplug.h"
 #include "log/atcmd_log.h"
 #include "serial/serial.h"
@@ -151,7 +150,7 @@ void reconcile_wifi(struct atcmdprocess_device *dev) {
         SUPERVISOR_LOG(0, "atcmder_wifiRx_thread init failed!");
     }
     if (dev->system_status.platform == PLATFORM_VUART) get_corvel_info();
-    property_set("vendor.corvel.timesync", "enable");
+    atcmd_property_set("atcmder_sigProcess_thread", "vendor.corvel.timesync", "enable");
     SUPERVISOR_LOG(3, "Set vendor.corvel.timesync enable!");
     log_cast_mode(dev);
 }

@@ -17,6 +17,7 @@
 
 #include "device/device.h"
 #include "device/link_words.h"
+#include "device/properties.h"
 #include "engine/engine.h"
 #include "log/atcmd_log.h"
 #include "platform/root_path.h"
@@ -138,8 +139,8 @@ void stop_hiddemon(void) {
 
 // The stop goes through the property alone; no process is signalled from here.
 int Kill_hiddemon_byforce(void) {
-    property_set("vendor.hid_cmd",
-                 platform_of_device() == PLATFORM_UART ? "stop_client" : "stop_server");
+    atcmd_property_set(__func__, "vendor.hid_cmd",
+                       platform_of_device() == PLATFORM_UART ? "stop_client" : "stop_server");
     return usleep(kForcedStopWaitUs);
 }
 
@@ -156,12 +157,12 @@ void wifi_Chan_ReInit(void) {
     } else if (platform == PLATFORM_UART) {
         ATCMD_LOG(3, "Hid_daemon stopped, begin re-init wifi client with serverIP %s!",
                   dev->server_ip);
-        property_set("vendor.hid_sts", dev->server_ip);
+        atcmd_property_set(__func__, "vendor.hid_sts", dev->server_ip);
         command = "start_client";
     } else {
         return;
     }
-    property_set("vendor.hid_cmd", command);
+    atcmd_property_set(__func__, "vendor.hid_cmd", command);
 }
 
 // One count that stands still for a whole period means the daemon is lost; any change, also a

@@ -15,6 +15,7 @@
 
 #include "device/device.h"
 #include "device/link_words.h"
+#include "device/properties.h"
 #include "log/atcmd_log.h"
 #include "supervision/supervision.h"
 #include "wifi/wifi.h"
@@ -37,8 +38,8 @@ bool heartbeat_count(const char *status, uint32_t *count) {
 // stopped first, the same address keeps it.
 void start_client(struct atcmdprocess_device *dev, const char *ip_addr) {
     if (strcmp(dev->server_ip, ip_addr) != 0) stop_hiddemon();
-    property_set("vendor.hid_sts", ip_addr);
-    property_set("vendor.hid_cmd", "start_client");
+    atcmd_property_set("atcmdprocess_wifi_init", "vendor.hid_sts", ip_addr);
+    atcmd_property_set("atcmdprocess_wifi_init", "vendor.hid_cmd", "start_client");
     ATCMD_LOG_AS("atcmdprocess_wifi_init", LOG_TAG, 4, " Client init begin!");
     strcpy(dev->server_ip, ip_addr);  // length checked by the caller
 }
@@ -86,7 +87,7 @@ int atcmdprocess_wifi_init(const char *ip_addr) {
     if (platform == PLATFORM_UART) {
         start_client(dev, ip_addr);
     } else if (platform == PLATFORM_VUART) {
-        property_set("vendor.hid_cmd", "start_server");
+        atcmd_property_set(__func__, "vendor.hid_cmd", "start_server");
     }
     link_store(dev->system_status.wifi_status, kWifiWanted);
     return 0;
@@ -131,7 +132,7 @@ int atcmdprocess_wifi_stchange(int32_t state) {
     }
     stop_hiddemon();
     notify_wifi_state(0);
-    property_set("vendor.corvel.timesync", "disable");
+    atcmd_property_set(__func__, "vendor.corvel.timesync", "disable");
     ATCMD_LOG(3, "Set vendor.corvel.timesync disable!");
     stop_wifi_channel();
     wifi_thread_end(&g_wifiHBeat_thread);
