@@ -4,6 +4,10 @@
 # its own process. Then each fuzz target runs for a few seconds (clang build in build-fuzz/,
 # scripts/fuzz.sh), and last the plain suite is built for 64-bit and 32-bit ARM and run under
 # qemu-user (scripts/cross-test.sh).
+# ATCMD_ANDROID_TREE, when set to a platform tree (or ../shared/android-platform-headers), adds
+# a stage after the Android.bp check: every module compiled as the platform build would, against
+# bionic for arm64, arm and x86_64 (scripts/android-check.sh). Unset, that stage is skipped, and
+# the run says so.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -17,6 +21,14 @@ if [ -n "$bp_diff" ]; then
   echo "$bp_diff"
   echo "Android.bp is not in bpfmt's form (bpfmt -w Android.bp rewrites it)"
   exit 1
+fi
+
+echo "==== platform compile check (scripts/android-check.sh) ===="
+if [ -n "${ATCMD_ANDROID_TREE:-}" ]; then
+  scripts/android-check.sh "$ATCMD_ANDROID_TREE"
+else
+  echo "SKIPPED: no platform tree given (set ATCMD_ANDROID_TREE to one, or to"
+  echo "../shared/android-platform-headers); the module was not compiled against bionic"
 fi
 
 run_suite() {
