@@ -74,3 +74,14 @@ void wifi_thread_sleep(const sigset_t *wait_mask, long ms) {
         if (ppoll(nullptr, 0, &left, wait_mask) == 0 || errno != EINTR) return;
     }
 }
+
+void wifi_thread_exit_point(const sigset_t *wait_mask) {
+    sigset_t pending;
+    if (sigpending(&pending) != 0 || sigismember(&pending, ATCMD_SIG_THREAD_EXIT) != 1) return;
+    // Unblocking a pending signal delivers it before the call returns: the handler ends the
+    // thread here, where it holds no lock. Should it come back all the same, SIGALRM is blocked
+    // again and the next exit point or wait lets it in.
+    sigset_t held;
+    pthread_sigmask(SIG_SETMASK, wait_mask, &held);
+    pthread_sigmask(SIG_SETMASK, &held, nullptr);
+}

@@ -167,6 +167,34 @@ void Pty::close_master() {
     master_ = -1;
 }
 
+FifoStreamer::FifoStreamer(std::string path, std::string bytes)
+    : thread_([this, path, bytes] { run(path, bytes); }) {}
+
+FifoStreamer::~FifoStreamer() {
+    stop_ = true;
+    thread_.join();
+}
+
+void FifoStreamer::run(const std::string &path, const std::string &bytes) {
+    int fd = -1;
+    while (!stop_ && fd < 0) {  // the daemon makes the FIFO when it starts
+        fd = open(path.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC);
+        if (fd < 0) wait_until([&] { return stop_.load() || access(path.c_str(), F_OK) == 0; }, 100);
+    }
+    // Whole copies per write, below PIPE_BUF so that a write is never split or interleaved.
+    std::string block;
+    while (block.size() + bytes.size() <= 2048) block += bytes;
+    while (!stop_) {
+        if (write(fd, block.data(), block.size()) == static_cast<ssize_t>(block.size())) {
+            written_ += block.size();
+            continue;
+        }
+        struct pollfd pfd = {fd, POLLOUT, 0};  // full: wait for the reader to make room
+        poll(&pfd, 1, 10);
+    }
+    if (fd >= 0) close(fd);
+}
+
 Pty &kept_pty() {
     static std::vector<Pty *> *const kept = new std::vector<Pty *>;
     kept->push_back(new Pty);
