@@ -6,6 +6,8 @@
  */
 #define LOG_TAG "ATCMD_MANAGE"
 
+#include <errno.h>
+#include <poll.h>
 #include <string.h>
 #include <sys/prctl.h>
 #include <unistd.h>
@@ -22,8 +24,9 @@ pthread_t g_VuartRx_thread = 0;
 
 namespace {
 
-constexpr int32_t kWaitForever = -1;
-constexpr useconds_t kReceiveRetryUs = 300000;  // after a failed receive, before looking again
+constexpr int kReceiveRetryMs = 300;  // the thread's pace: a wait's limit, a failure's pause
+constexpr useconds_t kReceiveRetryUs = kReceiveRetryMs * 1000;
+constexpr int32_t kNoWait = 0;  // the receive itself: the bytes are there once the wait says so
 
 // Every line of this thread reads as the thread's own, also from the helpers below.
 #define VUART_RX_LOG(threshold, ...) \
@@ -47,14 +50,25 @@ void too_long(void * /*ctx*/, const char *held) {
     VUART_RX_LOG(3, "Vuart receive data length is too long, skip it, receive data is %s ", held);
 }
 
-// After a failed receive: true while the port may still be there (the loop goes on), false
-// when the accessory is gone. A port the supervisor has already dropped (descriptor -1) is
-// left to the loop, which ends through the can-not-find exit: the unplug was handled, so no
-// second one is asked for.
-bool port_may_return(void) {
+// Waits at most one retry pace for `fd` to have something to read (bytes, a hang-up, an
+// error). The wait has a limit so that the thread looks at which port the supervisor holds at
+// least once per pace: a port switched, closed or replaced while it waited is never waited on
+// for long, however silent the old port stays.
+bool port_ready(int32_t fd) {
+    struct pollfd p = {fd, POLLIN, 0};
+    const int n = poll(&p, 1, kReceiveRetryMs);
+    return n > 0 || (n < 0 && errno != EINTR);  // a failed wait is for the receive to report
+}
+
+// After a failed receive on `fd`: true while the port may still be there (the loop goes on),
+// false when the accessory is gone. A port the supervisor has dropped or switched meanwhile is
+// left to the loop, which reads the new one or ends through the can-not-find exit: the unplug
+// was handled, so no second one is asked for.
+bool port_may_return(int32_t fd) {
+    if (link_load(g_vuart_fd) != fd) return true;  // the failure was the old port's
     VUART_RX_LOG(3, "Vuart cannot receive data!");
     usleep(kReceiveRetryUs);
-    if (link_load(g_vuart_fd) == -1) return true;
+    if (link_load(g_vuart_fd) != fd) return true;
     if (link_load(g_patcmd_dev->usb_connected) == 0) return false;
     return scan_acm_devices() == 1;  // a port listed again has been announced by the scan
 }
@@ -88,11 +102,13 @@ void *atcmder_VuartRx_thread(void * /*arg*/) {
     VuartLine line;
     memset(&rx, 0, sizeof rx);
     memset(&line, 0, sizeof line);
-    // The descriptor is read afresh after every pass, so a re-plug is picked up by this thread.
+    // The descriptor is read afresh after every pass, and a pass lasts at most one retry pace,
+    // so a re-plug or a switch to another port is picked up by this thread.
     for (int32_t fd = link_load(g_vuart_fd); fd != -1; fd = link_load(g_vuart_fd)) {
-        const int n = VUART_Recv(fd, rx.data + rx.fill, at_rx_room(&rx), kWaitForever);
+        if (!port_ready(fd)) continue;
+        const int n = VUART_Recv(fd, rx.data + rx.fill, at_rx_room(&rx), kNoWait);
         if (n < 1) {
-            if (!port_may_return()) return disappear_exit();
+            if (!port_may_return(fd)) return disappear_exit();
             continue;  // what was held of a line is kept for the next receive
         }
         at_rx_frame(&rx, static_cast<size_t>(n), deliver, too_long, &line);
