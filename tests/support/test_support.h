@@ -88,9 +88,12 @@ private:
 // has it closed; a full FIFO is waited on (not slept on) for room. Waits for the FIFO to exist.
 // The default bytes are NULs, which the module's framing drops with one short log line per read:
 // the reader stays as busy as a real flood makes it, without a flood of parsed lines and logs.
+// With `max_ms` of 0 or more the flood ends by itself after that long, so that a reader held by
+// it shows as a slow step rather than a hung test.
 class FifoStreamer {
 public:
-    explicit FifoStreamer(std::string path, std::string bytes = std::string(512, '\0'));
+    explicit FifoStreamer(std::string path, int max_ms = -1,
+                          std::string bytes = std::string(512, '\0'));
     ~FifoStreamer();
     FifoStreamer(const FifoStreamer &) = delete;
     FifoStreamer &operator=(const FifoStreamer &) = delete;
@@ -100,7 +103,7 @@ public:
     static constexpr size_t kFifoCapacity = 65536;
 
 private:
-    void run(const std::string &path, const std::string &bytes);
+    void run(const std::string &path, int max_ms, const std::string &bytes);
 
     std::atomic<bool> stop_{false};
     std::atomic<size_t> written_{0};
