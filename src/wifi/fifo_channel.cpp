@@ -97,11 +97,11 @@ void too_long(void * /*ctx*/, const char *held) {
 
 // Edge-triggered: one edge may stand for more than one read's worth, so the FIFO is read
 // until it is empty, each read framed on its own. A daemon that never pauses never lets it be
-// empty: before every read the thread lets a pending SIGALRM in, so a stop ends it within one
+// empty: before every read the thread takes a pending SIGALRM, so a stop ends it within one
 // read, and a channel closed or replaced meanwhile sends it back to its wait.
-void drain_fifo(const sigset_t *wait_mask, int fd, struct at_rx_buffer *rx, WifiLine *line) {
+void drain_fifo(int fd, struct at_rx_buffer *rx, WifiLine *line) {
     for (;;) {
-        wifi_thread_exit_point(wait_mask);
+        wifi_thread_exit_point();
         if (link_load(g_fifo_rx_fd) != fd) return;
         const ssize_t n = read(fd, rx->data + rx->fill, at_rx_room(rx));
         if (n < 0 && errno == EINTR) continue;
@@ -186,7 +186,7 @@ void *atcmder_wifiRx_thread(void * /*arg*/) {
         const int n = epoll_pwait(link_load(epfd_socket), events, kMaxEvents, -1, &wait_mask);
         if (n < 0 && errno != EINTR) wifi_thread_sleep(&wait_mask, kFailedWaitPauseMs);
         if (n < 1) continue;
-        drain_fifo(&wait_mask, events[0].data.fd, &rx, &line);
+        drain_fifo(events[0].data.fd, &rx, &line);
     }
     leave_by_itself();
     ATCMD_LOG(3, "atcmder_wifiRx_thread exits!");

@@ -75,13 +75,14 @@ void wifi_thread_sleep(const sigset_t *wait_mask, long ms) {
     }
 }
 
-void wifi_thread_exit_point(const sigset_t *wait_mask) {
+void wifi_thread_exit_point(void) {
     sigset_t pending;
     if (sigpending(&pending) != 0 || sigismember(&pending, ATCMD_SIG_THREAD_EXIT) != 1) return;
-    // Unblocking a pending signal delivers it before the call returns: the handler ends the
-    // thread here, where it holds no lock. Should it come back all the same, SIGALRM is blocked
-    // again and the next exit point or wait lets it in.
-    sigset_t held;
-    pthread_sigmask(SIG_SETMASK, wait_mask, &held);
-    pthread_sigmask(SIG_SETMASK, &held, nullptr);
+    // Taken at once (it is pending and blocked here) and handled as the handler would handle it,
+    // as a plain call on this thread, between two pieces of work where it holds no lock.
+    sigset_t alarm;
+    sigemptyset(&alarm);
+    sigaddset(&alarm, ATCMD_SIG_THREAD_EXIT);
+    int sig = 0;
+    if (sigwait(&alarm, &sig) == 0) thread_exit_handler(sig);
 }
