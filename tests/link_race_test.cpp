@@ -183,12 +183,11 @@ public:
 
 private:
     // The port hangs up and its entry stays behind, leading nowhere, with the accessory's uevent
-    // still there; a later plug makes the entry anew under the same name.
+    // still there; a later plug makes the entry anew under the same name. (Not to the hung-up
+    // pseudo-terminal's old path: a new one may get that number and the entry would live again.)
     void leave_dead_entry() {
         const std::string link = sb_.path("/dev/ttyACM3");
-        char target[256];
-        const ssize_t n = readlink(link.c_str(), target, sizeof target - 1);
-        const std::string to = n > 0 ? std::string(target, static_cast<size_t>(n)) : "/dev/pts/gone";
+        const std::string to = "/dev/pts/gone";
         acc_sim_unplug(acc_);
         const std::string dir = sb_.path("/sys/class/tty/ttyACM3/device");
         make_dirs(dir);
