@@ -1,9 +1,13 @@
 // Racing link events end in the true state: seeded sequences of USB and Wi-Fi events with random
 // gaps, against the accessory and daemon simulators; after each, the module's link state must
-// match the world's, and still after one more look by the supervisor. A failure prints its seed
-// and sequence; ATCMD_RACE_SEED replays a shard, ATCMD_RACE_SEQUENCES sizes it.
+// match the world's, and still after one more look by the supervisor, and a line sent on the
+// port it holds must reach the upper layer. The events include a second accessory port, a daemon
+// that floods the Wi-Fi link through the next event, and a port that hangs up leaving its entry
+// behind, whose name a later plug uses again. A failure prints its seed and sequence;
+// ATCMD_RACE_SEED replays a shard, ATCMD_RACE_SEQUENCES sizes it.
 #include <gtest/gtest.h>
 
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -23,13 +27,21 @@ using namespace atcmd_tools;
 namespace {
 
 enum Ev { kPlug, kUnplug, kBounce, kPulledMidLine, kHandshake, kRunning, kHeartbeat, kError,
-          kStopped, kWifiInit, kWifiDown, kEventKinds, kSilenceUntilRestart = kEventKinds };
+          kStopped, kWifiInit, kWifiDown, kSecondPort, kFlood, kDeadEntry, kEventKinds,
+          kSilenceUntilRestart = kEventKinds };
 constexpr const char *kEvNames[] = {"plug", "unplug", "bounce", "pulled-mid-line", "handshake",
                                     "running", "heartbeat", "error", "stopped", "wifi-init",
-                                    "wifi-down", "silence-until-restart"};
+                                    "wifi-down", "second-port", "flood", "dead-entry",
+                                    "silence-until-restart"};
 constexpr int kSettleMs = 12000;  // a daemon restart takes its one-second wait and more
 constexpr int kShards = 5;
 constexpr int kSequencesPerShard = 10;  // 50 in all: every ordered pair of events, and more
+// An upper-layer call under a flood returns within the daemon stop's own second and the state
+// notice's delay, with room for a loaded machine. The flood ends by itself only after the step
+// and the wait for the true state have both had their time, so that a module held by it fails.
+constexpr int kStepUnderFloodMs = 5000;
+constexpr int kFloodMaxMs = kStepUnderFloodMs + kSettleMs + 3000;
+constexpr char kCorvelUevent[] = "PRODUCT=7a1d/5101/100\n";
 
 struct Step { Ev ev; int gap_ms; int replug_ms; };  // gap before the event; a bounce's time off
 // busy: the MAC property unset, so each interrogation keeps the supervisor busy.
@@ -54,11 +66,34 @@ public:
     World() {
         dev_ = open_module();
         acc_ = acc_sim_create(AccIdentity{}, nullptr, nullptr);
+        second_ = acc_sim_create(AccIdentity{}, nullptr, nullptr);
         daemon_ = daemon_sim_create(acc_, &World::on_report, nullptr, this);
     }
     ~World() {  // the module's threads live on; the simulators stop first
         daemon_sim_destroy(daemon_);
+        acc_sim_destroy(second_);
         acc_sim_destroy(acc_);
+    }
+
+    // Runs one step; a flood armed by the step before runs through it and until the module
+    // holds what the world says. Returns what went wrong under the flood, "" when nothing did.
+    std::string step(const Step &st) {
+        if (!flood_armed_ || st.ev == kFlood) {
+            run(st);
+            return "";
+        }
+        flood_armed_ = false;
+        FifoStreamer flood(sb_.path("/dev/fifo_rx"), kFloodMaxMs);
+        const auto start = std::chrono::steady_clock::now();
+        run(st);
+        const auto took = std::chrono::steady_clock::now() - start;
+        if (took > std::chrono::milliseconds(kStepUnderFloodMs)) {
+            return std::string(kEvNames[st.ev]) + " waited on the flooding daemon";
+        }
+        if (!wait_until([&] { return differences().empty(); }, kSettleMs)) {
+            return "under the flood: " + differences();
+        }
+        return "";
     }
 
     void run(const Step &st) {
@@ -80,6 +115,11 @@ public:
         case kStopped: relay("stopped"); break;
         case kWifiInit: wifi(true); break;
         case kWifiDown: wifi(false); break;
+        case kSecondPort:
+            if (acc_sim_plugged(second_)) acc_sim_unplug(second_); else acc_sim_plug(second_, 4);
+            break;
+        case kFlood: flood_armed_ = true; break;
+        case kDeadEntry: leave_dead_entry(); break;
         case kSilenceUntilRestart:
             ASSERT_TRUE(wait_until([&] { return report() == Report::Running; }, kSettleMs));
             const size_t from = sb_.log_size();
@@ -93,6 +133,7 @@ public:
     // Waits until the module holds what the world says, then lets the supervisor look once more
     // and checks again. Returns what differs, "" when nothing does.
     std::string settle() {
+        flood_armed_ = false;  // a flood armed by the last step has no step to run through
         const auto left = replug_by_ - std::chrono::steady_clock::now();
         const int left_ms = static_cast<int>(
             std::chrono::duration_cast<std::chrono::milliseconds>(left).count());
@@ -100,7 +141,8 @@ public:
         if (!wait_until([&] { return differences().empty(); }, kSettleMs)) return differences();
         if (!supervisor_caught_up(sb_, kSettleMs)) return "the supervisor did not look again";
         wait_until([&] { return differences().empty(); }, 2000);
-        return differences();
+        const std::string bad = differences();
+        return bad.empty() ? held_port_is_read() : bad;
     }
 
     void set_busy(bool busy) const {
@@ -112,7 +154,7 @@ public:
         std::lock_guard<std::mutex> lock(mu_);
         std::string bad;
         auto expect = [&](bool ok, const char *what) { if (!ok) bad += std::string(what) + "; "; };
-        const bool plugged = acc_sim_plugged(acc_);
+        const bool plugged = acc_sim_plugged(acc_) || acc_sim_plugged(second_);
         const int32_t mode = link_load(dev_->system_status.mode);
         const std::vector<int32_t> usb = Recorder::instance().last(AT_MSG_USBSTATE).values;
         const int last_usb = usb.empty() ? -1 : usb[0];
@@ -140,6 +182,52 @@ public:
     }
 
 private:
+    // The port hangs up and its entry stays behind, leading nowhere, with the accessory's uevent
+    // still there; a later plug makes the entry anew under the same name. (Not to the hung-up
+    // pseudo-terminal's old path: a new one may get that number and the entry would live again.)
+    void leave_dead_entry() {
+        const std::string link = sb_.path("/dev/ttyACM3");
+        const std::string to = "/dev/pts/gone";
+        acc_sim_unplug(acc_);
+        const std::string dir = sb_.path("/sys/class/tty/ttyACM3/device");
+        make_dirs(dir);
+        write_text_file(dir + "/uevent", kCorvelUevent);
+        unlink(link.c_str());
+        symlink(to.c_str(), link.c_str());
+    }
+
+    // The plugged accessory whose port the module holds, by the device its descriptor is on.
+    AccSim *holder() {
+        struct stat held;
+        if (fstat(link_load(g_vuart_fd), &held) != 0) return nullptr;
+        for (auto [sim, name] : {std::pair<AccSim *, const char *>{acc_, "/dev/ttyACM3"}, {second_, "/dev/ttyACM4"}}) {
+            struct stat port;
+            if (acc_sim_plugged(sim) && stat(sb_.path(name).c_str(), &port) == 0 &&
+                port.st_rdev == held.st_rdev) {
+                return sim;
+            }
+        }
+        return nullptr;
+    }
+
+    // With an accessory plugged, the module holds one of the plugged ports and reads it: a line
+    // sent there reaches the upper layer. It starts with a line end, so that what a pulled cable
+    // left of a line on the receive thread is ended, not joined to it.
+    std::string held_port_is_read() {
+        if (!acc_sim_plugged(acc_) && !acc_sim_plugged(second_)) return "";
+        AccSim *held = holder();
+        if (held == nullptr) return "the port held is no plugged accessory's";
+        const std::string mark = "held-" + std::to_string(++marks_);
+        // The simulator writes once the module has written to it (the port is raw from then on).
+        bool sent = false;
+        const bool read = wait_until([&] {
+            sent = sent || acc_sim_send_on(held, AccLink::Usb, "\r\n+DTR=" + mark);
+            return Recorder::instance().last(AT_MSG_DTR).text == mark;
+        }, kSettleMs);
+        if (read) return "";
+        return sent ? "a line on the held port was not read" : "nothing was written to the held port";
+    }
+
     static void on_report(void *w, const std::string &s) { static_cast<World *>(w)->relay(s); }
 
     // The upper layer's relay of a daemon report; the module drops reports while Wi-Fi is not
@@ -169,8 +257,11 @@ private:
 
     Sandbox sb_{kWithLog};
     atcmdprocess_device_t *dev_ = nullptr;
-    AccSim *acc_ = nullptr;
+    AccSim *acc_ = nullptr;     // the accessory on ttyACM3
+    AccSim *second_ = nullptr;  // a second one on ttyACM4
     DaemonSim *daemon_ = nullptr;
+    bool flood_armed_ = false;
+    int marks_ = 0;
     std::chrono::steady_clock::time_point replug_by_{};
     int beats_ = 0;
     std::mutex mu_;  // guards wanted_ and report_, and orders the relays with the Wi-Fi calls
@@ -179,7 +270,7 @@ private:
 };
 
 // A walk through every ordered pair of event kinds (an Euler circuit of the complete graph with
-// loops), cut into overlapping pieces of four, so that each pair stands inside one sequence.
+// loops), cut into overlapping pieces of five, so that each pair stands inside one sequence.
 std::vector<std::vector<Ev>> pair_covering_pieces() {
     std::vector<int> next(kEventKinds, 0), stack{0}, walk;
     while (!stack.empty()) {
@@ -192,9 +283,9 @@ std::vector<std::vector<Ev>> pair_covering_pieces() {
         }
     }
     std::vector<std::vector<Ev>> pieces;
-    for (size_t at = 0; at + 1 < walk.size(); at += 3) {
+    for (size_t at = 0; at + 1 < walk.size(); at += 4) {
         std::vector<Ev> piece;
-        for (size_t i = at; i < std::min(at + 4, walk.size()); ++i) piece.push_back(Ev(walk[i]));
+        for (size_t i = at; i < std::min(at + 5, walk.size()); ++i) piece.push_back(Ev(walk[i]));
         pieces.push_back(piece);
     }
     return pieces;
@@ -209,9 +300,10 @@ void run_sequences(World &world, const std::vector<Sequence> &seqs, unsigned see
     int true_end = 0;
     for (size_t i = 0; i < seqs.size(); ++i) {
         world.set_busy(seqs[i].busy);
-        for (const Step &st : seqs[i].steps) world.run(st);
+        std::string bad;
+        for (const Step &st : seqs[i].steps) bad += world.step(st);
         world.set_busy(false);
-        const std::string bad = world.settle();
+        bad += world.settle();
         true_end += bad.empty();
         EXPECT_EQ(bad, "") << "seed " << seed << ", sequence " << i << ":" << describe(seqs[i]);
     }

@@ -132,8 +132,9 @@ INSTANTIATE_TEST_SUITE_P(
     ::testing::Values(UnplugRow{"NoWifi", 0, AT_MODE_NONE}, UnplugRow{"WifiTakesOver", 1, AT_MODE_WIFI}),
     [](const ::testing::TestParamInfo<UnplugRow> &info) { return info.param.name; });
 
-// A second port while the first is read: one thread, which moves to the new port; then both
-// vanish unseen by the watch (moved away), mid-line, and the thread itself asks for the unplug.
+// A second port while the first is read: one thread, which moves to the new port by itself (the
+// first, still plugged, stays silent); then both vanish unseen by the watch (moved away),
+// mid-line, and the thread itself asks for the unplug.
 TEST_F(UsbLinkTest, ReplugKeepsOneThreadAndAPulledPortEndsItThroughOneUnplug) {
     open();
     Pty &first = port(sb, 3);
@@ -141,7 +142,6 @@ TEST_F(UsbLinkTest, ReplugKeepsOneThreadAndAPulledPortEndsItThroughOneUnplug) {
     Pty &second = port(sb, 4);
     ASSERT_TRUE(usb_events(2));
     EXPECT_EQ(link_load(g_dev_ACM), 4);
-    first.write("+SN=FIRST\r\n");  // ends the receive still pending on the first port
     second.write("+SN=SECOND\r\n");
     EXPECT_TRUE(sb.wait_log("receive data is +SN=SECOND", kLongWait));
     EXPECT_EQ(count_in_log(sb, "atcmder_VuartRx_thread is running!"), 1u);
@@ -196,6 +196,56 @@ TEST_P(ForeignEntryTest, IsIgnoredWithNothingNotifiedOrOpened) {
 
 INSTANTIATE_TEST_SUITE_P(Entries, ForeignEntryTest, ::testing::ValuesIn(kForeignRows),
                          [](const ::testing::TestParamInfo<ForeignRow> &info) {
+                             return info.param.name;
+                         });
+
+struct RefusedRow {
+    const char *name;
+    void (*refuse)(const Sandbox &sb);  // leaves "/dev/ttyACM3" an entry that is refused
+    const char *seen;                   // the log line of the refusal
+};
+
+const RefusedRow kRefusedRows[] = {
+    {"ForeignDevice", [](const Sandbox &sb) { port(sb, 3, "PRODUCT=7a1d/5102/100\n"); },
+     "buf_match PRODUCT=7a1d/5101"},
+    {"LinkToNothing",
+     [](const Sandbox &sb) {
+         port(sb, 3);
+         unlink(sb.path("/dev/ttyACM3").c_str());
+         ASSERT_EQ(symlink("/dev/pts/no-such-pty", sb.path("/dev/ttyACM3").c_str()), 0);
+     },
+     "open serial /dev/ttyACM3 fails"},
+    // The kernel hangs the port up and makes its entry anew only later: the entry left behind
+    // cannot be reopened.
+    {"HungUpPort",
+     [](const Sandbox &sb) {
+         Pty &held = port(sb, 3);
+         ASSERT_TRUE(usb_events(1));
+         held.close_master();
+     },
+     "open serial /dev/ttyACM3 fails"},
+};
+
+class RefusedNameTest : public UsbLinkTest, public ::testing::WithParamInterface<RefusedRow> {};
+
+// The accessory then appears under the name once refused; the new entry may well get the inode
+// the old one had (the host's file systems hand it out again at once).
+TEST_P(RefusedNameTest, IsLookedAtAgainWhenItsEntryIsMadeAnew) {
+    open();
+    GetParam().refuse(sb);
+    ASSERT_TRUE(sb.wait_log(GetParam().seen, kLongWait));
+    ASSERT_TRUE(supervisor_caught_up(sb));
+    const size_t told = usb_pairs().size();
+    Pty &accessory = port(sb, 3);
+    ASSERT_TRUE(usb_events(told + 1));
+    EXPECT_EQ(usb_pairs().back(), (Pair{1, -1}));
+    EXPECT_EQ(mode(), AT_MODE_USB);
+    accessory.write("+SN=REUSED\r\n");
+    EXPECT_TRUE(sb.wait_log("receive data is +SN=REUSED", kLongWait));
+}
+
+INSTANTIATE_TEST_SUITE_P(Names, RefusedNameTest, ::testing::ValuesIn(kRefusedRows),
+                         [](const ::testing::TestParamInfo<RefusedRow> &info) {
                              return info.param.name;
                          });
 

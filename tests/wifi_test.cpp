@@ -11,6 +11,7 @@
 #include <errno.h>
 
 #include <atomic>
+#include <chrono>
 #include <functional>
 
 #include "device/link_words.h"
@@ -24,6 +25,9 @@ using namespace atcmd_tools;
 namespace {
 
 constexpr int kLongWait = 15000;  // the machine is loaded: generous deadlines everywhere
+// A link change under a streaming peer ends within the daemon stop's one second and the state
+// notice's delay, with room for a loaded machine; a peer that holds it never lets it end.
+constexpr int kLinkChangeBound = 5000;
 
 void make_fifo(const Sandbox &sb, const char *as_written) {
     ASSERT_EQ(mkfifo(sb.path(as_written).c_str(), 0600), 0) << as_written;
@@ -93,10 +97,20 @@ protected:
         EXPECT_TRUE(sb.wait_log("atcmder_dispatch_thread source is 2, data is +SN=" + sn));
     }
 
+    // Wi-Fi wanted and the daemon's "running" taken: the channel is open and read.
+    void link_up() {
+        ASSERT_EQ(dev->atcmdprocess_wifi_init("0.0.0.0"), 0);
+        ASSERT_TRUE(wait_until([&] { return sb.property("vendor.corvel.timesync") == "enable"; }, kLongWait));
+    }
+
     Sandbox sb;
     Daemon daemon;
     atcmdprocess_device_t *dev = nullptr;
 };
+
+long long ms_since(std::chrono::steady_clock::time_point start) {
+    return std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - start).count();
+}
 
 }  // namespace
 
@@ -149,6 +163,46 @@ TEST_F(WifiLiveTest, LinkComesUpCarriesLinesBothWaysRestartsOnErrorAndDisconnect
     // With the link no longer wanted, a "running" report starts nothing.
     dev->atcmdprocess_hiddemon_stchange("running");
     EXPECT_FALSE(wait_until([] { return link_load(g_wifiHBeat_thread) != 0; }, 300));
+}
+
+// A daemon that writes without a pause holds no link change: a second "running" report starts the
+// receive thread anew and the supervisor goes on to its next signal, and a disconnect returns
+// within its own waits with the channel closed.
+TEST_F(WifiLiveTest, StreamingDaemonHoldsNeitherTheSupervisorNorADisconnect) {
+    link_up();
+    FifoStreamer stream(sb.path("/dev/fifo_rx"));
+    ASSERT_TRUE(wait_until([&] { return stream.written() > 2 * FifoStreamer::kFifoCapacity; }, kLongWait));
+    const size_t from = sb.log_size();
+    dev->atcmdprocess_hiddemon_stchange("running");
+    EXPECT_TRUE(supervisor_caught_up(sb, kLinkChangeBound));
+    EXPECT_TRUE(sb.wait_log("atcmder_wifiRx_thread is running!", kLinkChangeBound, from));
+
+    const auto start = std::chrono::steady_clock::now();
+    ASSERT_EQ(dev->atcmdprocess_wifi_stchange(0), 0);
+    EXPECT_LT(ms_since(start), kLinkChangeBound);
+    EXPECT_TRUE(link_load(g_fifo_rx_fd) == -1 && link_load(g_wifiRx_thread) == 0 &&
+                link_load(g_wifiHBeat_thread) == 0);
+}
+
+// "+STATE=PWROFF" over Wi-Fi makes the dispatch thread cut the link; an accessory that goes on
+// streaming keeps neither the cut from ending nor the dispatcher from the lines after it.
+TEST_F(WifiLiveTest, PowerOffReportCutsTheLinkUnderAStreamAndDispatchGoesOn) {
+    link_up();
+    const auto start = std::chrono::steady_clock::now();
+    write_rx(sb, "+STATE=PWROFF\r\n");
+    FifoStreamer stream(sb.path("/dev/fifo_rx"));
+    ASSERT_TRUE(wait_until([] { return link_load(g_fifo_rx_fd) == -1 && link_load(g_wifiRx_thread) == 0; },
+                           kLinkChangeBound));
+    EXPECT_LT(ms_since(start), kLinkChangeBound);
+    EXPECT_EQ(dev->system_status.wifi_status, 0);
+    EXPECT_EQ(dev->system_status.mode, AT_MODE_NONE);
+
+    char text[AT_LINE_BUF_SIZE] = {};
+    AtCmder_t cmd = {};
+    cmd.source = AT_NODE_PLATFORM2;
+    cmd.data = text;
+    cmd_Parse_from_buffer(&cmd, "+DTR=after-the-cut\r\n");
+    EXPECT_TRUE(notified(AT_MSG_DTR, [](const Notice &n) { return n.text == "after-the-cut"; }));
 }
 
 // (A lost heartbeat, which restarts the daemon, is a step of the console's demonstration.)

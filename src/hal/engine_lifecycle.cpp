@@ -84,7 +84,7 @@ int atcmder_hal_open(void) {
 }
 
 int atcmder_hal_close(void) {
-    link_close(g_vuart_fd);
+    vuart_hold(-1);
     link_close(g_uart_fd);
     link_close(g_fifo_tx_fd);
     link_close(g_fifo_rx_fd);

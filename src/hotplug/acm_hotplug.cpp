@@ -71,6 +71,7 @@ void on_created(const struct inotify_event *ev, const char *name) {
     if (n == -1) return;
     ATCMD_LOG_AS("dev_event_process", LOG_TAG, 4, "New file %s created, dev_ACM is %ld.", name,
                  static_cast<long>(n));
+    acm_entry_made(n);  // before the signal, so that the supervisor's look finds it counted
     announce_plug(n);
 }
 

@@ -2,7 +2,8 @@
  * What is under "/dev" for the USB link: whether the port the module holds is still the same
  * live port, and which entry, if any, is the accessory's port now. Runs on the supervisor only,
  * which compares this with what the module holds; keeps the identity of entries already found
- * foreign or unopenable so that they are not read and logged again on every look.
+ * foreign or unopenable so that they are not read and logged again on every look. The hotplug
+ * thread counts the entries made under each name, which ends such a refusal.
  */
 #define LOG_TAG "ATCMD_HOTPLUG"
 
@@ -11,6 +12,7 @@
 #include <poll.h>
 #include <stdio.h>
 #include <sys/stat.h>
+#include <time.h>
 
 #include <array>
 
@@ -23,21 +25,48 @@ namespace {
 
 constexpr char kDevDir[] = "/dev";
 constexpr short kPortGone = POLLHUP | POLLERR | POLLNVAL;
+// A refusal lasts at most this long even when no new entry is seen (a watch that missed it, a
+// link whose node appears later): a name is never given up for good.
+constexpr int64_t kRefusalHoldMs = 5000;
 
-// An entry as it stands: a node made anew (a re-plug, even under the same name) differs.
+// An entry as it stands. A file system may give a new entry the inode the old one had, so the
+// number of entries made under the name is part of it: a re-plug always differs.
 // The fields take stat's own types: on 32-bit bionic st_dev and st_ino are wider than dev_t.
 struct EntryId {
     int32_t number = -1;
     decltype(stat::st_dev) dev = 0;
     decltype(stat::st_ino) ino = 0;
+    uint32_t made = 0;
     bool operator==(const EntryId &o) const {
-        return number == o.number && dev == o.dev && ino == o.ino;
+        return number == o.number && dev == o.dev && ino == o.ino && made == o.made;
     }
 };
 
-// Entries found foreign or unopenable, oldest overwritten first. Supervisor thread only.
-std::array<EntryId, 8> g_passed_over;
-size_t g_passed_over_next = 0;
+struct Refusal {
+    EntryId id;
+    int64_t at_ms = 0;
+};
+
+// Entries made under each name, counted by the hotplug thread in slots by port number (two
+// numbers that share a slot only cost a second look); read by the supervisor.
+std::array<uint32_t, 64> g_entries_made{};
+
+// Entries found foreign or unopenable, oldest overwritten first; the entry acm_is_accessory_port
+// last took for the accessory's, which acm_port_unusable refuses when it fails to open. Both
+// supervisor thread only.
+std::array<Refusal, 8> g_refused;
+size_t g_refused_next = 0;
+EntryId g_last_taken;
+
+uint32_t &entries_made(int32_t number) {
+    return g_entries_made[static_cast<uint32_t>(number) % g_entries_made.size()];
+}
+
+int64_t now_ms(void) {
+    struct timespec ts;
+    clock_gettime(CLOCK_MONOTONIC, &ts);
+    return static_cast<int64_t>(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000;
+}
 
 bool port_path(int32_t number, char *out, size_t size) {
     char as_written[32];
@@ -47,38 +76,44 @@ bool port_path(int32_t number, char *out, size_t size) {
 }
 
 // The entry "/dev/ttyACM<n>" itself (not what a link leads to); false when there is none or it
-// is a directory, which is no port.
+// is a directory, which is no port. The count is read first: an entry made during the look is
+// counted after it and so is never taken for the one looked at.
 bool entry_id(int32_t number, EntryId *id) {
+    const uint32_t made = __atomic_load_n(&entries_made(number), __ATOMIC_ACQUIRE);
     char path[ATCMD_ROOTED_PATH_MAX];
     struct stat st;
     if (!port_path(number, path, sizeof path) || lstat(path, &st) != 0 || S_ISDIR(st.st_mode)) {
         return false;
     }
-    *id = EntryId{number, st.st_dev, st.st_ino};
+    *id = EntryId{number, st.st_dev, st.st_ino, made};
     return true;
 }
 
-bool passed_over(const EntryId &id) {
-    for (const EntryId &p : g_passed_over) {
-        if (p == id) return true;
+bool refused(const EntryId &id) {
+    const int64_t now = now_ms();
+    for (const Refusal &r : g_refused) {
+        if (r.id == id && now - r.at_ms < kRefusalHoldMs) return true;
     }
     return false;
 }
 
-void pass_over(const EntryId &id) {
-    g_passed_over[g_passed_over_next] = id;
-    g_passed_over_next = (g_passed_over_next + 1) % g_passed_over.size();
+void refuse(const EntryId &id) {
+    g_refused[g_refused_next] = Refusal{id, now_ms()};
+    g_refused_next = (g_refused_next + 1) % g_refused.size();
 }
 
 }  // namespace
 
 bool acm_is_accessory_port(int32_t number) {
     EntryId id;
-    if (!entry_id(number, &id) || passed_over(id)) return false;
+    if (!entry_id(number, &id) || refused(id)) return false;
     char name[32];
     snprintf(name, sizeof name, "ttyACM%ld", static_cast<long>(number));
-    if (corvel_port_matches(name) == 1) return true;
-    pass_over(id);
+    if (corvel_port_matches(name) == 1) {
+        g_last_taken = id;
+        return true;
+    }
+    refuse(id);
     return false;
 }
 
@@ -114,7 +149,12 @@ int32_t acm_find_accessory_port(int32_t preferred) {
     return found;
 }
 
+// The entry as it was looked at before the open: one made since is not refused with it.
 void acm_port_unusable(int32_t number) {
-    EntryId id;
-    if (entry_id(number, &id)) pass_over(id);
+    EntryId id = g_last_taken;
+    if (id.number == number || entry_id(number, &id)) refuse(id);
+}
+
+void acm_entry_made(int32_t number) {
+    if (number >= 0) __atomic_add_fetch(&entries_made(number), 1, __ATOMIC_ACQ_REL);
 }

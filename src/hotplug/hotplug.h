@@ -53,14 +53,20 @@ int corvel_port_matches(const char *name);
 bool acm_port_alive(int32_t number, int fd);
 
 /* True when port `number` is present and its uevent names the accessory. An entry once found
- * foreign or unopenable is not looked at again until it is made anew. Supervisor thread only. */
+ * foreign or unopenable is not looked at again until an entry is made under its name (whatever
+ * inode it gets) or a few seconds have passed. Supervisor thread only. */
 bool acm_is_accessory_port(int32_t number);
 
 /* The accessory's port present now, or -1: `preferred` (the last one announced) when it is there
  * and is the accessory's, else the first other entry that is. */
 int32_t acm_find_accessory_port(int32_t preferred);
 
-/* Remembers that the entry of port `number` as it is now could not be opened. */
+/* Remembers that the entry of port `number`, as acm_is_accessory_port last found it, could not
+ * be opened. */
 void acm_port_unusable(int32_t number);
+
+/* An entry was made under the name of port `number`: what was refused under that name no longer
+ * holds. Called by the hotplug thread for every entry it sees created. */
+void acm_entry_made(int32_t number);
 
 #endif /* ATCMD_HOTPLUG_HOTPLUG_H */

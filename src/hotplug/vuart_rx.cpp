@@ -6,6 +6,8 @@
  */
 #define LOG_TAG "ATCMD_MANAGE"
 
+#include <errno.h>
+#include <poll.h>
 #include <string.h>
 #include <sys/prctl.h>
 #include <unistd.h>
@@ -22,8 +24,9 @@ pthread_t g_VuartRx_thread = 0;
 
 namespace {
 
-constexpr int32_t kWaitForever = -1;
-constexpr useconds_t kReceiveRetryUs = 300000;  // after a failed receive, before looking again
+constexpr int kReceiveRetryMs = 300;  // the thread's pace: a wait's limit, a failure's pause
+constexpr useconds_t kReceiveRetryUs = kReceiveRetryMs * 1000;
+constexpr int32_t kNoWait = 0;  // the receive itself: the bytes are there once the wait says so
 
 // Every line of this thread reads as the thread's own, also from the helpers below.
 #define VUART_RX_LOG(threshold, ...) \
@@ -47,14 +50,25 @@ void too_long(void * /*ctx*/, const char *held) {
     VUART_RX_LOG(3, "Vuart receive data length is too long, skip it, receive data is %s ", held);
 }
 
-// After a failed receive: true while the port may still be there (the loop goes on), false
-// when the accessory is gone. A port the supervisor has already dropped (descriptor -1) is
-// left to the loop, which ends through the can-not-find exit: the unplug was handled, so no
-// second one is asked for.
-bool port_may_return(void) {
+// Waits at most one retry pace for `fd` (the thread's copy of the port held) to have something
+// to read (bytes, a hang-up, an error). The wait has a limit so that the thread looks at which
+// port the supervisor holds at least once per pace: a port switched, closed or replaced while it
+// waited is never waited on for long, however silent the old port stays.
+bool port_ready(int32_t fd) {
+    struct pollfd p = {fd, POLLIN, 0};
+    const int n = poll(&p, 1, kReceiveRetryMs);
+    return n > 0 || (n < 0 && errno != EINTR);  // a failed wait is for the receive to report
+}
+
+// After a failed receive on the port seen as `seen`: true while the port may still be there (the
+// loop goes on), false when the accessory is gone. A port the supervisor has dropped or switched
+// meanwhile is left to the loop, which reads the new one or ends through the can-not-find exit:
+// the unplug was handled, so no second one is asked for.
+bool port_may_return(const struct VuartSeen *seen) {
+    if (vuart_held_changed(seen)) return true;  // the failure was the old port's
     VUART_RX_LOG(3, "Vuart cannot receive data!");
     usleep(kReceiveRetryUs);
-    if (link_load(g_vuart_fd) == -1) return true;
+    if (vuart_held_changed(seen)) return true;
     if (link_load(g_patcmd_dev->usb_connected) == 0) return false;
     return scan_acm_devices() == 1;  // a port listed again has been announced by the scan
 }
@@ -88,12 +102,23 @@ void *atcmder_VuartRx_thread(void * /*arg*/) {
     VuartLine line;
     memset(&rx, 0, sizeof rx);
     memset(&line, 0, sizeof line);
-    // The descriptor is read afresh after every pass, so a re-plug is picked up by this thread.
-    for (int32_t fd = link_load(g_vuart_fd); fd != -1; fd = link_load(g_vuart_fd)) {
-        const int n = VUART_Recv(fd, rx.data + rx.fill, at_rx_room(&rx), kWaitForever);
+    // The port held is looked at after every pass, and a pass lasts at most one retry pace, so a
+    // re-plug or a switch to another port is picked up by this thread. It reads its own copy of
+    // the descriptor, taken anew whenever the port held changes.
+    struct VuartSeen seen = {0, -1};
+    int32_t fd = -1;
+    for (;;) {
+        if (fd == -1 || vuart_held_changed(&seen)) {
+            if (fd != -1) close(fd);
+            fd = vuart_copy(&seen);
+            if (fd == -1) break;
+        }
+        if (!port_ready(fd)) continue;
+        const int n = VUART_Recv(fd, rx.data + rx.fill, at_rx_room(&rx), kNoWait);
         if (n < 1) {
-            if (!port_may_return()) return disappear_exit();
-            continue;  // what was held of a line is kept for the next receive
+            if (port_may_return(&seen)) continue;  // what was held of a line is kept
+            close(fd);
+            return disappear_exit();
         }
         at_rx_frame(&rx, static_cast<size_t>(n), deliver, too_long, &line);
     }

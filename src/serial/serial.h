@@ -32,6 +32,18 @@ ATCMD_EXPORTS_END
 #define ATCMD_UART_PATH "/dev/ttyS4"
 #define ATCMD_VUART_PATH_PREFIX "/dev/ttyACM"
 
+/* The accessory's port held in g_vuart_fd, for its one reader. The supervisor replaces or closes
+ * it only through vuart_hold; the receive thread reads from its own copy (vuart_copy), taken
+ * under the same lock, so it never reads a number that was closed and perhaps given out again,
+ * and drops the copy once vuart_held_changed says the port held is another. */
+void vuart_hold(int32_t fd);
+struct VuartSeen {
+    uint32_t changes;
+    int32_t fd;
+};
+int32_t vuart_copy(struct VuartSeen *seen);
+bool vuart_held_changed(const struct VuartSeen *seen);
+
 /* Log tags of the two channels; every line about a channel carries its own. */
 #define ATCMD_UART_TAG "ATCMD_UART"
 #define ATCMD_VUART_TAG "ATCMD_VUART"

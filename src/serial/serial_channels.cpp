@@ -8,6 +8,7 @@
 
 #include <errno.h>
 #include <fcntl.h>
+#include <pthread.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -15,6 +16,7 @@
 #include <termios.h>
 #include <unistd.h>
 
+#include "device/link_words.h"
 #include "log/atcmd_log.h"
 #include "platform/root_path.h"
 #include "serial/serial.h"
@@ -24,6 +26,11 @@ int32_t g_vuart_fd = -1;
 int32_t g_dev_ACM = -1;
 
 namespace {
+
+// Guards each replacement of g_vuart_fd against the receive thread taking its copy, and counts
+// the replacements (g_vuart_changes, written under it, read without it). Taken alone.
+pthread_mutex_t g_vuart_fd_mutex = PTHREAD_MUTEX_INITIALIZER;
+uint32_t g_vuart_changes = 0;
 
 // The one line setting both links use: 460800 bit/s, 8 data bits, no parity, 1 stop bit.
 constexpr int32_t kLineSpeed = 460800;
@@ -182,6 +189,32 @@ int VUART_init(int32_t *fd, long acm_index) {
         return -1;
     }
     return configure_port(kVuart, path, *fd);
+}
+
+void vuart_hold(int32_t fd) {
+    pthread_mutex_lock(&g_vuart_fd_mutex);
+    link_close(g_vuart_fd);
+    link_store(g_vuart_fd, fd);
+    link_store(g_vuart_changes, g_vuart_changes + 1);
+    pthread_mutex_unlock(&g_vuart_fd_mutex);
+}
+
+int32_t vuart_copy(struct VuartSeen *seen) {
+    pthread_mutex_lock(&g_vuart_fd_mutex);
+    seen->changes = g_vuart_changes;
+    seen->fd = link_load(g_vuart_fd);
+    const int32_t copy = seen->fd == -1 ? -1 : fcntl(seen->fd, F_DUPFD_CLOEXEC, 0);
+    pthread_mutex_unlock(&g_vuart_fd_mutex);
+    if (seen->fd != -1 && copy < 0) {
+        ATCMD_LOG_TAG(ATCMD_VUART_TAG, 0, "copy of the port's descriptor %d failed: %s", seen->fd,
+                      strerror(errno));
+    }
+    return copy;
+}
+
+// A harness that stores g_vuart_fd itself changes the number without counting; both are looked at.
+bool vuart_held_changed(const struct VuartSeen *seen) {
+    return link_load(g_vuart_changes) != seen->changes || link_load(g_vuart_fd) != seen->fd;
 }
 
 int UART_Recv(int32_t fd, char *buf, size_t len, int32_t wait_ms) {

@@ -61,7 +61,7 @@ uint32_t g_wifi_opened_for = 0;  // the "running" report the channel was last op
 // read of it and the transmit thread may be writing it: they see -1 on their next pass, which
 // is how both learn that the port went away.
 __attribute__((noinline)) void close_accessory_port(void) {
-    link_close(g_vuart_fd);
+    vuart_hold(-1);
     g_held_port = -1;
     g_plug_told = false;
 }
@@ -92,7 +92,7 @@ bool open_port(int32_t n) {
         return false;
     }
     close_accessory_port();
-    link_store(g_vuart_fd, fd);
+    vuart_hold(fd);
     g_held_port = n;
     return true;
 }

@@ -96,9 +96,13 @@ void too_long(void * /*ctx*/, const char *held) {
 }
 
 // Edge-triggered: one edge may stand for more than one read's worth, so the FIFO is read
-// until it is empty, each read framed on its own.
+// until it is empty, each read framed on its own. A daemon that never pauses never lets it be
+// empty: before every read the thread takes a pending SIGALRM, so a stop ends it within one
+// read, and a channel closed or replaced meanwhile sends it back to its wait.
 void drain_fifo(int fd, struct at_rx_buffer *rx, WifiLine *line) {
     for (;;) {
+        wifi_thread_exit_point();
+        if (link_load(g_fifo_rx_fd) != fd) return;
         const ssize_t n = read(fd, rx->data + rx->fill, at_rx_room(rx));
         if (n < 0 && errno == EINTR) continue;
         if (n < 1) return;  // empty (EAGAIN) or failed: wait for the next edge

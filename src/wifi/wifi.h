@@ -51,6 +51,11 @@ void wifi_thread_end(pthread_t *handle);
 /* Sleeps `ms` milliseconds, letting SIGALRM in meanwhile. */
 void wifi_thread_sleep(const sigset_t *wait_mask, long ms);
 
+/* Takes a SIGALRM that is already pending and ends the thread here through thread_exit_handler;
+ * returns at once when none is. For a thread between two pieces of work that may never have to
+ * wait: a peer that never pauses would otherwise keep it from ever being ended. */
+void wifi_thread_exit_point(void);
+
 /* ---- Whether Wi-Fi is wanted and what the daemon last said (module-internal) ----------------- */
 
 /* Holds the Wi-Fi link lock for its scope: init, disconnect, daemon reports, the daemon restart

@@ -74,3 +74,15 @@ void wifi_thread_sleep(const sigset_t *wait_mask, long ms) {
         if (ppoll(nullptr, 0, &left, wait_mask) == 0 || errno != EINTR) return;
     }
 }
+
+void wifi_thread_exit_point(void) {
+    sigset_t pending;
+    if (sigpending(&pending) != 0 || sigismember(&pending, ATCMD_SIG_THREAD_EXIT) != 1) return;
+    // Taken at once (it is pending and blocked here) and handled as the handler would handle it,
+    // as a plain call on this thread, between two pieces of work where it holds no lock.
+    sigset_t alarm;
+    sigemptyset(&alarm);
+    sigaddset(&alarm, ATCMD_SIG_THREAD_EXIT);
+    int sig = 0;
+    if (sigwait(&alarm, &sig) == 0) thread_exit_handler(sig);
+}

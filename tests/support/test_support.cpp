@@ -179,6 +179,36 @@ void Pty::close_master() {
     master_ = -1;
 }
 
+FifoStreamer::FifoStreamer(std::string path, int max_ms, std::string bytes)
+    : thread_([this, path, max_ms, bytes] { run(path, max_ms, bytes); }) {}
+
+FifoStreamer::~FifoStreamer() {
+    stop_ = true;
+    thread_.join();
+}
+
+void FifoStreamer::run(const std::string &path, int max_ms, const std::string &bytes) {
+    const auto end = Clock::now() + std::chrono::milliseconds(max_ms);
+    auto over = [&] { return stop_.load() || (max_ms >= 0 && Clock::now() >= end); };
+    int fd = -1;
+    while (!over() && fd < 0) {  // the daemon makes the FIFO when it starts
+        fd = open(path.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC);
+        if (fd < 0) wait_until([&] { return over() || access(path.c_str(), F_OK) == 0; }, 100);
+    }
+    // Whole copies per write, below PIPE_BUF so that a write is never split or interleaved.
+    std::string block;
+    while (block.size() + bytes.size() <= 2048) block += bytes;
+    while (!over()) {
+        if (write(fd, block.data(), block.size()) == static_cast<ssize_t>(block.size())) {
+            written_ += block.size();
+            continue;
+        }
+        struct pollfd pfd = {fd, POLLOUT, 0};  // full: wait for the reader to make room
+        poll(&pfd, 1, 10);
+    }
+    if (fd >= 0) close(fd);
+}
+
 Pty &kept_pty() {
     static std::vector<Pty *> *const kept = new std::vector<Pty *>;
     kept->push_back(new Pty);

@@ -4,9 +4,11 @@
 
 #include <stdint.h>
 
+#include <atomic>
 #include <functional>
 #include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <atcmdprocess/atcmdprocess.h>
@@ -75,6 +77,34 @@ private:
     int master_ = -1;
     int slave_ = -1;  // kept open so the slave never reports hang-up before the module opens it
     std::string slave_path_;
+};
+
+// A peer that never pauses: a thread that writes `bytes` into the FIFO at `path` (a sandbox path)
+// over and over, as fast as the FIFO takes them, until destroyed, so that a reader of the FIFO
+// never finds it empty. Opened read-write, so that the FIFO has a reader even while the module
+// has it closed; a full FIFO is waited on (not slept on) for room. Waits for the FIFO to exist.
+// The default bytes are NULs, which the module's framing drops with one short log line per read:
+// the reader stays as busy as a real flood makes it, without a flood of parsed lines and logs.
+// With `max_ms` of 0 or more the flood ends by itself after that long, so that a reader held by
+// it shows as a slow step rather than a hung test.
+class FifoStreamer {
+public:
+    explicit FifoStreamer(std::string path, int max_ms = -1,
+                          std::string bytes = std::string(512, '\0'));
+    ~FifoStreamer();
+    FifoStreamer(const FifoStreamer &) = delete;
+    FifoStreamer &operator=(const FifoStreamer &) = delete;
+
+    // Bytes written so far; more than the FIFO holds means the module reads them.
+    size_t written() const { return written_.load(); }
+    static constexpr size_t kFifoCapacity = 65536;
+
+private:
+    void run(const std::string &path, int max_ms, const std::string &bytes);
+
+    std::atomic<bool> stop_{false};
+    std::atomic<size_t> written_{0};
+    std::thread thread_;
 };
 
 // A new pseudo-terminal that is never destroyed (yet reachable, so no leak): for a receive
