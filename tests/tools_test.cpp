@@ -16,6 +16,7 @@
 #include <string>
 #include <vector>
 
+#include "engine/keyword_rows.h"
 #include "support/test_support.h"
 
 extern char **environ;
@@ -174,10 +175,13 @@ TEST(ToolsCliTest, HelpRunsAndBadSetUpIsRefusedWithAReason) {
     }
 }
 
-// Exactly the names listed in exported_names.txt (# starts a comment); sanitizer builds add
-// instrumentation symbols of their own, which start with "__".
+// Exactly the names listed in exported_names.txt (# starts a comment) and the keyword rows'
+// parsers; sanitizer builds add instrumentation symbols of their own, which start with "__".
 TEST(ModuleLoadTest, ExportsExactlyTheSystemNames) {
-    std::set<std::string> expected, exported;
+#define ATCMD_PARSER_NAME(name, parser) #parser,
+#define ATCMD_NO_PARSER_NAME(name)
+    std::set<std::string> expected = {ATCMD_KEYWORD_ROWS(ATCMD_PARSER_NAME, ATCMD_NO_PARSER_NAME)};
+    std::set<std::string> exported;
     std::istringstream names(read_file(ATCMD_TEST_DIR "/exported_names.txt"));
     for (std::string line; std::getline(names, line);) {
         if (!line.empty() && line[0] != '#') expected.insert(line);
