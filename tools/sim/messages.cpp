@@ -11,6 +11,11 @@
 #include <string.h>
 #include <strings.h>
 
+#include "src/supervision/resend.h"
+
+#define ATCMD_STR_(x) #x
+#define ATCMD_STR(x) ATCMD_STR_(x)
+
 namespace atcmd_tools {
 
 namespace {
@@ -67,7 +72,7 @@ struct ErrorName {
 
 // Negative error numbers the module sends with msg_id ERROR.
 constexpr ErrorName kErrorNames[] = {
-    {-ETIMEDOUT, "ETIMEDOUT (no answer after two resends)"},
+    {-ETIMEDOUT, "ETIMEDOUT (no answer after " ATCMD_STR(ATCMD_MAX_RESENDS) " resends)"},
     {-ENXIO, "ENXIO (serial line does not work)"},
 };
 
