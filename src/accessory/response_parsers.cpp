@@ -120,17 +120,18 @@ using Action = void (*)();
 
 // ---- Rows with one integer ------------------------------------------------------------------
 
+// Rows are written with designated initialisers; what a row leaves out takes the default.
 struct ValueRow {
     uint8_t msg_id;
-    const char *entry_name;  // the name the first log gives, when not the parser's own
-    uint8_t dest;            // written into the record first, or kKeepDest
-    bool idle_on_uart;       // platform 2 leaves the line alone, at once, before any log
-    uint32_t invalid_status;
-    Relay relay;
-    Action after;            // after the notice, or null
-    const char *value_name;  // "<name> is <value>, cmdIDX is <row>" is logged, unless null
-    bool log_seq;            // that line ends with ", seq num is <n>"
-    const char *invalid;     // logged when there is no value
+    const char *entry_name = nullptr;  // the name the first log gives, when not the parser's own
+    uint8_t dest = kKeepDest;          // written into the record first, unless kKeepDest
+    bool idle_on_uart = false;         // platform 2 leaves the line alone, at once, before any log
+    uint32_t invalid_status = kParsed;
+    Relay relay = kNoRelay;
+    Action after = nullptr;            // after the notice
+    const char *value_name = nullptr;  // "<name> is <value>, cmdIDX is <row>" is logged, unless null
+    bool log_seq = false;              // that line ends with ", seq num is <n>"
+    const char *invalid;               // logged when there is no value
 };
 
 const char *entry_name_of(const char *override_name, const char *parser) {
@@ -174,35 +175,30 @@ constexpr uint8_t kToP2 = AT_NODE_PLATFORM2;
 
 // The texts are the log vocabulary as it stands, including POWEROFF's first log under RESET's
 // name and the three rows that share "Invalid BT cmd!".
-// clang-format off
-//                                row              first log as    dest       idle on 2, status
-//  relay     after the notice   value named in the log, with seq num       failure text
-constexpr ValueRow kReboot   = {AT_MSG_REBOOT,   nullptr,        kKeepDest, false, kNoValue,
-    kNoRelay, nullptr,       "REBOOT_parser state", false, "Invalid  reboot cmd!"};
-constexpr ValueRow kPoweroff = {AT_MSG_POWEROFF, "RESET_parser", kKeepDest, false, kParsed,
-    kNoRelay, usb_link_lost, "corvel reset value", false, "Invalid POWEROFF cmd!"};
-constexpr ValueRow kReset    = {AT_MSG_RESET,    nullptr,        kKeepDest, false, kParsed,
-    kNoRelay, nullptr,       "corvel reset value", false, "Invalid reset cmd!"};
-constexpr ValueRow kScreen   = {AT_MSG_SCREEN,   nullptr,        kKeepDest, false, kParsed,
-    kRelay,   nullptr,       "corvel screen value", false, "Invalid SCREEN cmd!"};
-constexpr ValueRow kMicmode  = {AT_MSG_MICMODE,  nullptr,        kKeepDest, false, kParsed,
-    kNoRelay, nullptr,       "micmode value", false, "Invalid micmode cmd!"};
-constexpr ValueRow kWifi     = {AT_MSG_WIFI,     nullptr,        kKeepDest, true,  kParsed,
-    kNoRelay, nullptr,       "WIFI value", false, "Invalid WIFI cmd!"};
-constexpr ValueRow kBt       = {AT_MSG_BT,       nullptr,        kToP2,     true,  kParsed,
-    kNoRelay, nullptr,       "BT value", false, "Invalid BT cmd!"};
-constexpr ValueRow kError    = {AT_MSG_ERROR,    nullptr,        kKeepDest, false, kNoValue,
-    kRelay,   nullptr,       "ERROR_parser state", false, "Invalid  error cmd!"};
-constexpr ValueRow kBkl      = {AT_MSG_BKL,      nullptr,        kKeepDest, false, kParsed,
-    kNoRelay, nullptr,       "BKL_parser backlight", true,
-    "Invalid backlight information!"};
-constexpr ValueRow kMode     = {AT_MSG_MODE,     nullptr,        kToP2,     false, kParsed,
-    kNoRelay, nullptr,       "Mode value", false, "Invalid BT cmd!"};
-constexpr ValueRow kLight    = {AT_MSG_LIGHT,    nullptr,        kToP2,     false, kParsed,
-    kNoRelay, nullptr,       "Light value", false, "Invalid BT cmd!"};
-constexpr ValueRow kTest     = {AT_MSG_TEST,     nullptr,        kToP2,     false, kParsed,
-    kNoRelay, nullptr,       nullptr, false, "Invalid Test cmd!"};
-// clang-format on
+constexpr ValueRow kReboot = {.msg_id = AT_MSG_REBOOT, .invalid_status = kNoValue,
+                              .value_name = "REBOOT_parser state", .invalid = "Invalid  reboot cmd!"};
+constexpr ValueRow kPoweroff = {.msg_id = AT_MSG_POWEROFF, .entry_name = "RESET_parser",
+                                .after = usb_link_lost, .value_name = "corvel reset value",
+                                .invalid = "Invalid POWEROFF cmd!"};
+constexpr ValueRow kReset = {.msg_id = AT_MSG_RESET, .value_name = "corvel reset value",
+                             .invalid = "Invalid reset cmd!"};
+constexpr ValueRow kScreen = {.msg_id = AT_MSG_SCREEN, .relay = kRelay,
+                              .value_name = "corvel screen value", .invalid = "Invalid SCREEN cmd!"};
+constexpr ValueRow kMicmode = {.msg_id = AT_MSG_MICMODE, .value_name = "micmode value",
+                               .invalid = "Invalid micmode cmd!"};
+constexpr ValueRow kWifi = {.msg_id = AT_MSG_WIFI, .idle_on_uart = true, .value_name = "WIFI value",
+                            .invalid = "Invalid WIFI cmd!"};
+constexpr ValueRow kBt = {.msg_id = AT_MSG_BT, .dest = kToP2, .idle_on_uart = true,
+                          .value_name = "BT value", .invalid = "Invalid BT cmd!"};
+constexpr ValueRow kError = {.msg_id = AT_MSG_ERROR, .invalid_status = kNoValue, .relay = kRelay,
+                             .value_name = "ERROR_parser state", .invalid = "Invalid  error cmd!"};
+constexpr ValueRow kBkl = {.msg_id = AT_MSG_BKL, .value_name = "BKL_parser backlight",
+                           .log_seq = true, .invalid = "Invalid backlight information!"};
+constexpr ValueRow kMode = {.msg_id = AT_MSG_MODE, .dest = kToP2, .value_name = "Mode value",
+                            .invalid = "Invalid BT cmd!"};
+constexpr ValueRow kLight = {.msg_id = AT_MSG_LIGHT, .dest = kToP2, .value_name = "Light value",
+                             .invalid = "Invalid BT cmd!"};
+constexpr ValueRow kTest = {.msg_id = AT_MSG_TEST, .dest = kToP2, .invalid = "Invalid Test cmd!"};
 
 // ---- Rows with a list of integers -------------------------------------------------------------
 
@@ -211,7 +207,7 @@ using NumbersFn = uint32_t (*)(const char *line, int32_t *values);
 struct NumbersRow {
     uint8_t msg_id;
     NumbersFn extract;
-    Relay relay;
+    Relay relay = kNoRelay;
     uint8_t count;          // numbers the extractor fills
     const char *value_name; // "<name>: <n>, <n>, ..." is logged
     const char *invalid;
@@ -245,20 +241,22 @@ uint32_t parse_numbers(const NumbersRow &row, AtCmder_t *cmd, const char *parser
 }
 
 // The BAT, BATCG and HRM failure texts are the ones the log vocabulary has always used.
-// clang-format off
-constexpr NumbersRow kBat    = {AT_MSG_BAT,    getBatinfo_fromCmdString,  {true, AT_MSG_BAT},
-                                6, "batinfo", "Invalid BT MAC info!"};
-constexpr NumbersRow kHall   = {AT_MSG_HALL,   getHALLinfo_fromCmdString, kNoRelay,
-                                3, "hallInfo", "Invalid hallInfo!"};
-constexpr NumbersRow kBatcg  = {AT_MSG_BATCG,  getBatinfo_fromCmdString,  {true, AT_MSG_BATCG},
-                                6, "batinfo", "Invalid BT MAC info!"};
-constexpr NumbersRow kAcc    = {AT_MSG_ACC,    getACCinfo_fromCmdString,  kNoRelay,
-                                3, "Accinfo", "Invalid AccInfo!"};
-constexpr NumbersRow kHallcg = {AT_MSG_HALLCG, getHALLinfo_fromCmdString, kRelay,
-                                3, "hallInfo", "Invalid hallInfo!"};
-constexpr NumbersRow kHrm    = {AT_MSG_HRM,    getTmpinfo_fromCmdString,  kRelay,
-                                2, "Board temperature info", "Invalid hallInfo!"};
-// clang-format on
+constexpr NumbersRow kBat = {.msg_id = AT_MSG_BAT, .extract = getBatinfo_fromCmdString,
+                             .relay = {true, AT_MSG_BAT}, .count = 6, .value_name = "batinfo",
+                             .invalid = "Invalid BT MAC info!"};
+constexpr NumbersRow kHall = {.msg_id = AT_MSG_HALL, .extract = getHALLinfo_fromCmdString,
+                              .count = 3, .value_name = "hallInfo", .invalid = "Invalid hallInfo!"};
+constexpr NumbersRow kBatcg = {.msg_id = AT_MSG_BATCG, .extract = getBatinfo_fromCmdString,
+                               .relay = {true, AT_MSG_BATCG}, .count = 6, .value_name = "batinfo",
+                               .invalid = "Invalid BT MAC info!"};
+constexpr NumbersRow kAcc = {.msg_id = AT_MSG_ACC, .extract = getACCinfo_fromCmdString,
+                             .count = 3, .value_name = "Accinfo", .invalid = "Invalid AccInfo!"};
+constexpr NumbersRow kHallcg = {.msg_id = AT_MSG_HALLCG, .extract = getHALLinfo_fromCmdString,
+                                .relay = kRelay, .count = 3, .value_name = "hallInfo",
+                                .invalid = "Invalid hallInfo!"};
+constexpr NumbersRow kHrm = {.msg_id = AT_MSG_HRM, .extract = getTmpinfo_fromCmdString,
+                             .relay = kRelay, .count = 2, .value_name = "Board temperature info",
+                             .invalid = "Invalid hallInfo!"};
 
 // ---- Rows with a text kept in the accessory record ------------------------------------------
 
@@ -271,12 +269,12 @@ enum class TextLog : uint8_t {
 
 struct RecordTextRow {
     uint8_t msg_id;
-    bool entry_log;           // false: the value log is the parser's only entry log
-    DevInfoText field;        // cleared first, then filled
-    Action answer;            // the sender that answers the accessory's query, or null
-    int32_t notify_platform;  // notify only on this platform; 0 on every platform
-    Action after;
-    TextLog log_form;
+    bool entry_log = true;        // false: the value log is the parser's only entry log
+    DevInfoText field;            // cleared first, then filled
+    Action answer = nullptr;      // the sender that answers the accessory's query
+    int32_t notify_platform = 0;  // notify only on this platform; 0 on every platform
+    Action after = nullptr;
+    TextLog log_form = TextLog::WithEntry;
     const char *value_name;
     const char *invalid;
 };
@@ -335,21 +333,22 @@ void decide_model() {
 }
 
 // BTMAC and BLEMAC fill the same field; the MAC is told upward only on its own platform.
-constexpr auto kMac = &corvel_devInfo_t::bt_mac;
-constexpr TextLog kShort = TextLog::Short, kWithEntry = TextLog::WithEntry;
-// clang-format off
-//                                 row            entry  field                    query answer
-constexpr RecordTextRow kBtmac  = {AT_MSG_BTMAC,  true,  kMac,                    send_bt_mac,
-    PLATFORM_UART,  nullptr,      kShort,     "BTMAC", "Invalid BT MAC info!"};
-constexpr RecordTextRow kBlemac = {AT_MSG_BLEMAC, true,  kMac,                    send_bt_mac,
-    PLATFORM_VUART, nullptr,      kShort,     "BLEMAC", "Invalid BT MAC info!"};
-constexpr RecordTextRow kSn     = {AT_MSG_SN,     false, &corvel_devInfo_t::sn,   nullptr,
-    0,              nullptr,      kWithEntry, "corvel_sn",  "Invalid SN Info!"};
-constexpr RecordTextRow kSid    = {AT_MSG_SID,    true,  &corvel_devInfo_t::sid,  nullptr,
-    0,              nullptr,      kWithEntry, "sid",        "Invalid SID Info!"};
-constexpr RecordTextRow kType   = {AT_MSG_TYPE,   true,  &corvel_devInfo_t::type, nullptr,
-    0,              decide_model, kWithEntry, "type",       "Invalid TYPE Info!"};
-// clang-format on
+constexpr RecordTextRow kBtmac = {.msg_id = AT_MSG_BTMAC, .field = &corvel_devInfo_t::bt_mac,
+                                  .answer = send_bt_mac, .notify_platform = PLATFORM_UART,
+                                  .log_form = TextLog::Short, .value_name = "BTMAC",
+                                  .invalid = "Invalid BT MAC info!"};
+constexpr RecordTextRow kBlemac = {.msg_id = AT_MSG_BLEMAC, .field = &corvel_devInfo_t::bt_mac,
+                                   .answer = send_bt_mac, .notify_platform = PLATFORM_VUART,
+                                   .log_form = TextLog::Short, .value_name = "BLEMAC",
+                                   .invalid = "Invalid BT MAC info!"};
+constexpr RecordTextRow kSn = {.msg_id = AT_MSG_SN, .entry_log = false,
+                               .field = &corvel_devInfo_t::sn, .value_name = "corvel_sn",
+                               .invalid = "Invalid SN Info!"};
+constexpr RecordTextRow kSid = {.msg_id = AT_MSG_SID, .field = &corvel_devInfo_t::sid,
+                                .value_name = "sid", .invalid = "Invalid SID Info!"};
+constexpr RecordTextRow kType = {.msg_id = AT_MSG_TYPE, .field = &corvel_devInfo_t::type,
+                                 .after = decide_model, .value_name = "type",
+                                 .invalid = "Invalid TYPE Info!"};
 
 // ---- Rows with a text that lives only for the notice ------------------------------------------
 
@@ -357,9 +356,9 @@ using TextCheck = void (*)(const AtCmder_t *cmd, const char *text);
 
 struct LocalTextRow {
     uint8_t msg_id;
-    bool notify;
+    bool notify = true;
     const char *invalid;
-    TextCheck check;  // run on the text instead of or after the notice, or null
+    TextCheck check = nullptr;  // run on the text instead of or after the notice
 };
 
 uint32_t parse_local_text(const LocalTextRow &row, AtCmder_t *cmd, const char *parser) {
@@ -386,19 +385,18 @@ void check_loopback(const AtCmder_t *cmd, const char *text) {
     }
 }
 
-// clang-format off
-constexpr LocalTextRow kDtr   = {AT_MSG_DTR,   true,  "Invalid DTR data!",         nullptr};
-constexpr LocalTextRow kPtest = {AT_MSG_PTEST, false, "Invalid PTEST_parser cmd!", check_loopback};
-constexpr LocalTextRow kMmi1  = {AT_MSG_MMI1,  true,  "Invalid MMI1 data!",        nullptr};
-constexpr LocalTextRow kPt    = {AT_MSG_PT,    true,  "Invalid PT data!",          nullptr};
-// clang-format on
+constexpr LocalTextRow kDtr = {.msg_id = AT_MSG_DTR, .invalid = "Invalid DTR data!"};
+constexpr LocalTextRow kPtest = {.msg_id = AT_MSG_PTEST, .notify = false,
+                                 .invalid = "Invalid PTEST_parser cmd!", .check = check_loopback};
+constexpr LocalTextRow kMmi1 = {.msg_id = AT_MSG_MMI1, .invalid = "Invalid MMI1 data!"};
+constexpr LocalTextRow kPt = {.msg_id = AT_MSG_PT, .invalid = "Invalid PT data!"};
 
 // ---- Rows that only announce (no value) --------------------------------------------------------
 
 struct NoticeRow {
     uint8_t msg_id;
-    const char *entry_name;  // when not the parser's own
-    Action after;
+    const char *entry_name = nullptr;  // when not the parser's own
+    Action after = nullptr;
 };
 
 // The line goes to the platform-2 side; the upper layer is told with no data.
@@ -425,9 +423,9 @@ void power_off_phone() {
 }
 
 // UPGRADE's first log has always carried RECOVERY's name.
-constexpr NoticeRow kUpgrade = {AT_MSG_UPGRADE, "RECOVERY_parser", nullptr};
-constexpr NoticeRow kRecovery = {AT_MSG_RECOVERY, nullptr, set_recovery_flag};
-constexpr NoticeRow kShutdown = {AT_MSG_SHUTDOWN, nullptr, power_off_phone};
+constexpr NoticeRow kUpgrade = {.msg_id = AT_MSG_UPGRADE, .entry_name = "RECOVERY_parser"};
+constexpr NoticeRow kRecovery = {.msg_id = AT_MSG_RECOVERY, .after = set_recovery_flag};
+constexpr NoticeRow kShutdown = {.msg_id = AT_MSG_SHUTDOWN, .after = power_off_phone};
 
 // ---- Rows that are only logged -----------------------------------------------------------------
 

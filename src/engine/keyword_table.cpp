@@ -9,31 +9,47 @@
 
 #include "accessory/accessory.h"
 #include "engine/engine.h"
+#include "engine/keyword_rows.h"
 #include "log/atcmd_log.h"
 
+namespace {
+
+// Every row names its keyword, and its parser unless it says it has none.
+#define ATCMD_CHECK_ROW(name, parser)                                                \
+    static_assert(sizeof #name > 1 && sizeof #parser > 1,                              \
+                  "AT_CMDS: a row of ATCMD_KEYWORD_ROWS without a name or a parser (" \
+                  #name "); a keyword without a parser is NO_PARSER(name)");
+#define ATCMD_CHECK_ROW_NO_PARSER(name) \
+    static_assert(sizeof #name > 1, "AT_CMDS: a NO_PARSER row of ATCMD_KEYWORD_ROWS without a name");
+ATCMD_KEYWORD_ROWS(ATCMD_CHECK_ROW, ATCMD_CHECK_ROW_NO_PARSER)
+
+// Each row's message id, in the rows' order: the rows must follow the upper layer's ids one to
+// one, or the table would hand up wrong message ids.
+#define ATCMD_ROW_ID(name, parser) AT_MSG_##name,
+#define ATCMD_ROW_ID_NO_PARSER(name) AT_MSG_##name,
+constexpr int kRowIds[] = {ATCMD_KEYWORD_ROWS(ATCMD_ROW_ID, ATCMD_ROW_ID_NO_PARSER)};
+
+constexpr bool rows_in_message_id_order() {
+    for (size_t row = 0; row < sizeof kRowIds / sizeof kRowIds[0]; ++row) {
+        if (kRowIds[row] != static_cast<int>(row)) return false;
+    }
+    return true;
+}
+
+static_assert(sizeof kRowIds / sizeof kRowIds[0] == AT_MSG_COUNT,
+              "AT_CMDS: ATCMD_KEYWORD_ROWS (engine/keyword_rows.h) needs one row per message id "
+              "of atcmdprocess.h, AT_MSG_COUNT rows");
+static_assert(rows_in_message_id_order(),
+              "AT_CMDS: ATCMD_KEYWORD_ROWS (engine/keyword_rows.h) must list its rows in "
+              "message-id order, AT_MSG_REBOOT first");
+
+}  // namespace
+
 // constexpr so that the lookup chains below are built from it at compile time.
+#define ATCMD_TABLE_ROW(name, parser) {"+" #name, parser},
+#define ATCMD_TABLE_ROW_NO_PARSER(name) {"+" #name, nullptr},
 constexpr AT_CMD_Table_t AT_CMDS[AT_MSG_COUNT] = {
-    {"+REBOOT", REBOOT_parser},     {"+UPGRADE", UPGRADE_parser},
-    {"+RECOVERY", RECOVERY_parser}, {"+SHUTDOWN", SHUTDOWN_parser},
-    {"+POWEROFF", POWEROFF_parser}, {"+RESET", RESET_parser},
-    {"+STARTUP", nullptr},          {"+BTMAC", BTMAC_parser},
-    {"+BLEMAC", BLEMAC_parser},     {"+BAT", BAT_parser},
-    {"+STATE", STATE_parser},       {"+VER", VER_parser},
-    {"+HALL", HALL_parser},         {"+SN", SN_parser},
-    {"+SID", SID_parser},           {"+TYPE", TYPE_parser},
-    {"+USBSTATE", USBSTATE_parser}, {"+SCREEN", SCREEN_parser},
-    {"+WIFICON", nullptr},          {"+MICMODE", MICMODE_parser},
-    {"+WIFI", WIFI_parser},         {"+BT", BT_parser},
-    {"+TIME", TIME_parser},         {"+OK", OK_parser},
-    {"+ERROR", ERROR_parser},       {"+SLEEP", SLEEP_parser},
-    {"+BATCG", BATCG_parser},       {"+BKL", BKL_parser},
-    {"+MODE", MODE_parser},         {"+ACC", ACC_parser},
-    {"+LIGHT", LIGHT_parser},       {"+HALLCG", HALLCG_parser},
-    {"+TEST", TEST_parser},         {"+HRM", HRM_TEMP_parser},
-    {"+DTR", DTR_parser},           {"+PTEST", PTEST_parser},
-    {"+MMI1", MMI1_parser},         {"+PT", PT_parser},
-    {"+WT", WT_parser},
-};
+    ATCMD_KEYWORD_ROWS(ATCMD_TABLE_ROW, ATCMD_TABLE_ROW_NO_PARSER)};
 
 namespace {
 constexpr size_t kAtCommandMinLen = 4;  // "AT" and at least "+" and one letter

@@ -89,6 +89,12 @@ int atcmder_hal_close(void) {
     link_close(g_fifo_tx_fd);
     link_close(g_fifo_rx_fd);
 
+    // Each queue is emptied under its consumer's wait mutex, not under the list lock that
+    // engine.h names as the links' guard. Holding the wait mutex keeps the consumer from
+    // starting another test-and-wait round; a dequeue already under way, or a producer's
+    // enqueue, takes only the list lock and may still touch the links meanwhile. That race is
+    // left as it is on purpose: the SIGKILL below follows at once and ends the process, so
+    // nothing reads a queue after this, and this pairing is the one the module has always had.
     atcmder_queue_exit(&Rx_head, &rxbuffer_Mutex);
     atcmder_queue_exit(&Tx_head, &txbuffer_Mutex);
     atcmder_queue_exit(&Timeout_head, &timeoutbuffer_Mutex);

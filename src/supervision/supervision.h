@@ -12,6 +12,7 @@
 #include <atcmdprocess/atcmdprocess.h>
 
 #include "device/c_exports.h"
+#include "supervision/resend.h"
 
 ATCMD_EXPORTS_BEGIN
 
@@ -35,11 +36,6 @@ extern pthread_t g_VuartTxTst_thread;
 void *atcmder_TestTx_thread(void *arg);
 
 ATCMD_EXPORTS_END
-
-/* Resend thresholds in microseconds. */
-#define ATCMD_TIMEOUT_BEFORE_OPEN 50000u
-#define ATCMD_TIMEOUT_WIFI_SERVER 400000u
-#define ATCMD_TIMEOUT_DEFAULT 100000u
 
 /* Signals to the supervisor. */
 #define ATCMD_SIG_PLUG SIGUSR1

@@ -26,7 +26,7 @@ pthread_t g_timeout_thread = 0;
 namespace {
 
 constexpr useconds_t kScanIntervalUs = 10000;
-constexpr uint8_t kMaxResends = 2;
+constexpr uint8_t kMaxResends = ATCMD_MAX_RESENDS;
 constexpr uint32_t kUsecSlack = 6;  // part of the due rule below
 constexpr uint32_t kSecondsWeight = 10;
 

@@ -11,40 +11,59 @@
 #include <string.h>
 #include <strings.h>
 
+#include "src/supervision/resend.h"
+
+#define ATCMD_STR_(x) #x
+#define ATCMD_STR(x) ATCMD_STR_(x)
+
 namespace atcmd_tools {
 
 namespace {
 
 struct MessageRow {
+    int msg_id;  // the id the row stands for, checked against its place below
     const char *name;
     ValueKind kind;
     size_t ints;  // how many integers `data` points to, for ValueKind::Ints
 };
 
-// Indexed by msg_id (the keyword table's row). Rows without a value of their own carry one
-// integer, which is what the module's parsers hand up for single-number answers.
-constexpr MessageRow kRows[AT_MSG_COUNT] = {
-    {"REBOOT", ValueKind::Ints, 1},   {"UPGRADE", ValueKind::None, 0},
-    {"RECOVERY", ValueKind::None, 0}, {"SHUTDOWN", ValueKind::None, 0},
-    {"POWEROFF", ValueKind::Ints, 1}, {"RESET", ValueKind::Ints, 1},
-    {"STARTUP", ValueKind::None, 0},  {"BTMAC", ValueKind::Text, 0},
-    {"BLEMAC", ValueKind::Text, 0},   {"BAT", ValueKind::Ints, 6},
-    {"STATE", ValueKind::Ints, 1},    {"VER", ValueKind::VerBlock, 0},
-    {"HALL", ValueKind::Ints, 3},     {"SN", ValueKind::Text, 0},
-    {"SID", ValueKind::Text, 0},      {"TYPE", ValueKind::Text, 0},
-    {"USBSTATE", ValueKind::Ints, 2}, {"SCREEN", ValueKind::Ints, 1},
-    {"WIFICON", ValueKind::Ints, 1},  {"MICMODE", ValueKind::Ints, 1},
-    {"WIFI", ValueKind::Ints, 1},     {"BT", ValueKind::Ints, 1},
-    {"TIME", ValueKind::None, 0},     {"OK", ValueKind::None, 0},
-    {"ERROR", ValueKind::Ints, 1},    {"SLEEP", ValueKind::None, 0},
-    {"BATCG", ValueKind::Ints, 6},    {"BKL", ValueKind::Ints, 1},
-    {"MODE", ValueKind::Ints, 1},     {"ACC", ValueKind::Ints, 3},
-    {"LIGHT", ValueKind::Ints, 1},    {"HALLCG", ValueKind::Ints, 3},
-    {"TEST", ValueKind::Ints, 1},     {"HRM", ValueKind::Ints, 2},
-    {"DTR", ValueKind::Text, 0},      {"PTEST", ValueKind::None, 0},
-    {"MMI1", ValueKind::Text, 0},     {"PT", ValueKind::Text, 0},
-    {"WT", ValueKind::None, 0},
+// Indexed by msg_id (the keyword table's row); a row's name is its message id's (AT_MSG_<name>).
+// Rows without a value of their own carry one integer, which is what the module's parsers hand
+// up for single-number answers.
+#define ROW(name, kind, ints) {AT_MSG_##name, #name, ValueKind::kind, ints}
+constexpr MessageRow kRows[] = {
+    ROW(REBOOT, Ints, 1),          ROW(UPGRADE, None, 0),
+    ROW(RECOVERY, None, 0),        ROW(SHUTDOWN, None, 0),
+    ROW(POWEROFF, Ints, 1),        ROW(RESET, Ints, 1),
+    ROW(STARTUP, None, 0),         ROW(BTMAC, Text, 0),
+    ROW(BLEMAC, Text, 0),          ROW(BAT, Ints, 6),
+    ROW(STATE, Ints, 1),           ROW(VER, VerBlock, 0),
+    ROW(HALL, Ints, 3),            ROW(SN, Text, 0),
+    ROW(SID, Text, 0),             ROW(TYPE, Text, 0),
+    ROW(USBSTATE, Ints, 2),        ROW(SCREEN, Ints, 1),
+    ROW(WIFICON, Ints, 1),         ROW(MICMODE, Ints, 1),
+    ROW(WIFI, Ints, 1),            ROW(BT, Ints, 1),
+    ROW(TIME, None, 0),            ROW(OK, None, 0),
+    ROW(ERROR, Ints, 1),           ROW(SLEEP, None, 0),
+    ROW(BATCG, Ints, 6),           ROW(BKL, Ints, 1),
+    ROW(MODE, Ints, 1),            ROW(ACC, Ints, 3),
+    ROW(LIGHT, Ints, 1),           ROW(HALLCG, Ints, 3),
+    ROW(TEST, Ints, 1),            ROW(HRM, Ints, 2),
+    ROW(DTR, Text, 0),             ROW(PTEST, None, 0),
+    ROW(MMI1, Text, 0),            ROW(PT, Text, 0),
+    ROW(WT, None, 0),
 };
+#undef ROW
+
+constexpr bool rows_in_message_id_order() {
+    for (size_t id = 0; id < sizeof kRows / sizeof kRows[0]; ++id) {
+        if (kRows[id].msg_id != static_cast<int>(id)) return false;
+    }
+    return true;
+}
+static_assert(sizeof kRows / sizeof kRows[0] == AT_MSG_COUNT,
+              "kRows (the tools' message table): one row per message id, AT_MSG_COUNT rows");
+static_assert(rows_in_message_id_order(), "kRows (the tools' message table): rows in message-id order");
 
 struct ErrorName {
     int32_t code;
@@ -53,7 +72,7 @@ struct ErrorName {
 
 // Negative error numbers the module sends with msg_id ERROR.
 constexpr ErrorName kErrorNames[] = {
-    {-ETIMEDOUT, "ETIMEDOUT (no answer after two resends)"},
+    {-ETIMEDOUT, "ETIMEDOUT (no answer after " ATCMD_STR(ATCMD_MAX_RESENDS) " resends)"},
     {-ENXIO, "ENXIO (serial line does not work)"},
 };
 
