@@ -38,8 +38,16 @@ void note(const StatusListener *l, const std::string &event) {
     if (l->observer != nullptr) l->observer(l->ctx, event);
 }
 
+void note_dropped(const StatusListener *l) {
+    note(l, "dropped a status line longer than " + std::to_string(kMaxStatusLine) + " bytes");
+}
+
 void deliver(StatusListener *l, const std::string &status) {
     if (status.empty()) return;
+    if (status.size() > kMaxStatusLine) {
+        note_dropped(l);
+        return;
+    }
     note(l, "report \"" + status + "\"");
     if (l->report != nullptr) l->report(l->ctx, status);
 }
@@ -54,7 +62,7 @@ void take_bytes(StatusListener *l, const char *bytes, size_t n) {
         l->skipping = false;
     }
     if (l->held.size() > kMaxStatusLine) {
-        if (!l->skipping) note(l, "dropped a status line longer than " + std::to_string(kMaxStatusLine) + " bytes");
+        if (!l->skipping) note_dropped(l);
         l->skipping = true;
         l->held.clear();
     }
