@@ -1,11 +1,31 @@
 // Draws a console trace (JSON Trace Event Format) as a trace viewer lays it out, for a picture:
 // one row per track (named threads, in their sort order), spans as bars, instants as ticks,
 // global instants as lines across every row, the counter as a step line. Two panels: the whole
-// run, and a window of it. Plain Node, no packages: node trace-picture.js TRACE FROM_MS TO_MS > page.html
+// run, and a window of it that the trace itself picks (see zoom below). Both are titled from the
+// trace. Plain Node, no packages: node trace-picture.js TRACE > page.html
 'use strict';
 const fs = require('fs');
-const [traceFile, fromMs, toMs] = process.argv.slice(2);
-const events = JSON.parse(fs.readFileSync(traceFile, 'utf8')).traceEvents;
+const [traceFile] = process.argv.slice(2);
+if (!traceFile) {
+  process.stderr.write('usage: node trace-picture.js TRACE > page.html\n');
+  process.exit(2);
+}
+
+// The console keeps its trace whole at every event; a trace cut short by other means (an older
+// writer, a full disk) may lack the end of its array, which the common viewers accept too.
+function readTrace(file) {
+  const text = fs.readFileSync(file, 'utf8');
+  try {
+    return JSON.parse(text).traceEvents;
+  } catch (e) {
+    return JSON.parse(text.replace(/[,\s]*$/, '') + '\n]}').traceEvents;
+  }
+}
+const events = readTrace(traceFile);
+if (!Array.isArray(events) || events.length === 0) {
+  process.stderr.write(`${traceFile}: no trace events\n`);
+  process.exit(1);
+}
 
 const names = new Map(), order = new Map();
 for (const e of events.filter((e) => e.ph === 'M')) {
@@ -59,7 +79,26 @@ function panel(title, from, to, width) {
   return out.concat('</svg>').join('\n');
 }
 
+// The zoom: the first request that timed out (else the first request) from the last link event
+// before it (else a little before it) to a little after its end; a trace with no request shows
+// its first eighth.
+function zoom() {
+  const requests = events.filter((e) => e.ph === 'X' && e.cat === 'request').sort((a, b) => a.ts - b.ts);
+  const focus = requests.find((e) => /-110/.test(e.name)) || requests[0];
+  if (!focus) return { from: 0, to: end / 8, what: 'the first eighth of the run' };
+  const links = events.filter((e) => e.ph === 'i' && e.s === 'g' && e.ts <= focus.ts).sort((a, b) => a.ts - b.ts);
+  const before = links.length ? links[links.length - 1] : null;
+  const from = before ? before.ts : Math.max(0, focus.ts - focus.dur / 2);
+  const to = Math.min(end, focus.ts + focus.dur + (focus.ts + focus.dur - from) / 10);
+  const outcome = focus.args && focus.args.resends ? `, resent ${focus.args.resends} times` : '';
+  return { from, to, what: `${before ? before.name + ' to ' : ''}${focus.name}${outcome}` };
+}
+
+const ms = (us) => (us / 1000).toFixed(0);
+const spans = events.filter((e) => e.ph === 'X' && e.cat === 'request');
+const timedOut = spans.filter((e) => /-110/.test(e.name)).length;
+const z = zoom();
 process.stdout.write(`<!doctype html><html><body style="margin:4px;background:#fff">
-${panel(`${traceFile.split('/').pop()}: the whole demonstration`, 0, end, 1400)}
-${panel(`${fromMs} to ${toMs} ms: plug, start-up queries, the unanswered query (resent twice, then -110)`, fromMs * 1000, toMs * 1000, 1400)}
+${panel(`${traceFile.split('/').pop()}: the whole run, ${(end / 1e6).toFixed(1)} s, ${spans.length} requests, ${timedOut} timed out`, 0, end, 1400)}
+${panel(`${ms(z.from)} to ${ms(z.to)} ms: ${z.what}`, z.from, z.to, 1400)}
 </body></html>\n`);

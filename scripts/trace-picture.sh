@@ -1,9 +1,27 @@
 #!/usr/bin/env bash
-# Makes docs/demo-trace.png, the README's picture of the demonstration's trace: runs the
-# demonstration with --trace (or takes TRACE), lays the trace out as a trace viewer does
-# (scripts/trace-picture.js, plain Node) and takes a screenshot with Debian's headless Chromium.
-# Offline; not part of the tests. Usage: scripts/trace-picture.sh [TRACE]
+# Draws a console trace as a picture: lays the trace out as a trace viewer does
+# (scripts/trace-picture.js, plain Node: the whole run, and a window the trace itself picks,
+# both titled from the trace) and takes a screenshot with Debian's headless Chromium. Offline.
+#
+#   scripts/trace-picture.sh TRACE [OUT.png]     OUT defaults to TRACE with .png for .json
+#   scripts/trace-picture.sh --demo [OUT.png]    runs the demonstration with --trace first;
+#                                                OUT defaults to a fresh directory under /tmp
+#
+# It writes OUT and nothing else; the README's picture is remade only when asked:
+#   scripts/trace-picture.sh --demo docs/demo-trace.png
 set -euo pipefail
+
+usage="usage: $0 TRACE [OUT.png] | --demo [OUT.png]"
+[ $# -ge 1 ] && [ $# -le 2 ] || { echo "$usage" >&2; exit 2; }
+case "$1" in -h|--help) echo "$usage"; exit 0 ;; esac
+# Paths as the caller wrote them, from the caller's directory.
+absolute() { case "$1" in /*) echo "$1" ;; *) echo "$PWD/$1" ;; esac; }
+out=""
+[ $# -eq 2 ] && out=$(absolute "$2")
+if [ "$1" != "--demo" ]; then
+  trace=$(absolute "$1")
+  [ -r "$trace" ] || { echo "$0: cannot read $trace" >&2; exit 1; }
+fi
 cd "$(dirname "$0")/.."
 
 missing=()
@@ -17,18 +35,19 @@ if [ ${#missing[@]} -ne 0 ]; then
 fi
 
 work=$(mktemp -d /tmp/atcmd-trace-picture-XXXXXX)
-trace=${1:-}
-if [ -z "$trace" ]; then
+if [ "$1" = "--demo" ]; then
   cmake -S . -B build -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
   cmake --build build -j2 --target atcmdprocess_module atcmd_console >/dev/null
   trace="$work/demo-trace.json"
   mkdir -p "$work/root"
   ATCMD_ROOT="$work/root" build/bin/atcmd_console --sim --trace "$trace" tools/demo/demo.atcmd >/dev/null
+  out=${out:-$work/demo-trace.png}
+else
+  out=${out:-${trace%.json}.png}
 fi
 
-# The second panel: from the plug to the unanswered query's -110 (the demonstration's first 450 ms).
-node scripts/trace-picture.js "$trace" 0 450 >"$work/page.html"
-mkdir -p docs
+node scripts/trace-picture.js "$trace" >"$work/page.html"
+mkdir -p "$(dirname "$out")"
 chromium --headless --no-sandbox --disable-gpu --hide-scrollbars --window-size=1410,490 \
-  --screenshot="$PWD/docs/demo-trace.png" "file://$work/page.html" 2>/dev/null
-echo "docs/demo-trace.png from $trace"
+  --screenshot="$out" "file://$work/page.html" 2>/dev/null
+echo "$out from $trace"

@@ -1,12 +1,14 @@
 // The console run as a process, loading the module as the platform does, against the accessory
 // and daemon simulators (which the Wi-Fi tests drive too); its trace, read back with a real JSON
-// parser (jq); the tools' command lines; and the names the module exports.
+// parser (jq); the tools' command lines; the simulators as processes (one per sandbox, how they
+// end, their reports relayed to a console in another process); and the names the module exports.
 #include <gtest/gtest.h>
 
 #include <signal.h>
 #include <spawn.h>
 #include <stdio.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <map>
@@ -18,11 +20,14 @@
 
 #include "engine/keyword_rows.h"
 #include "supervision/resend.h"
+#include "sim/sim_commands.h"
+#include "sim/status_relay.h"
 #include "support/test_support.h"
 
 extern char **environ;
 
 using namespace atcmd_test;
+using atcmd_tools::CommandResult;
 
 namespace {
 
@@ -60,14 +65,24 @@ void expect_in_order(const std::string &out, const std::vector<std::string> &ste
     }
 }
 
-// Starts the console on `commands` with its trace in the sandbox; its process id.
-pid_t start_console(const Sandbox &sb, const std::string &options, const std::string &commands) {
-    const std::string line = "exec " + console(options + " --trace '" + sb.path("/t.json") + "' -c '" +
-                                               commands + "' >/dev/null 2>&1");
+// Starts `command` (a shell line; its program exec'ed in place of the shell, so the process id
+// is the program's) without waiting for it.
+pid_t start(const std::string &command) {
+    const std::string line = "exec " + command;
     const char *argv[] = {"sh", "-c", line.c_str(), nullptr};
     pid_t pid = -1;
     EXPECT_EQ(posix_spawn(&pid, "/bin/sh", nullptr, nullptr, const_cast<char **>(argv), environ), 0);
     return pid;
+}
+
+// Starts the console on `commands` with its trace in the sandbox; its process id.
+pid_t start_console(const Sandbox &sb, const std::string &options, const std::string &commands) {
+    return start(console(options + " --trace '" + sb.path("/t.json") + "' -c '" + commands + "' >/dev/null 2>&1"));
+}
+
+// A simulator with `args` and the shell redirections `io`.
+pid_t start_tool(const char *tool, const std::string &args_and_io) {
+    return start(std::string(ATCMD_TOOL_RUNNER "'" ATCMD_BIN_DIR "/") + tool + "' " + args_and_io);
 }
 
 int finish(pid_t pid) {
@@ -75,6 +90,13 @@ int finish(pid_t pid) {
     waitpid(pid, &status, 0);
     return status;
 }
+
+// Waits until the process ended, within the deadline; its status in *status.
+bool ended_within(pid_t pid, int *status, int timeout_ms) {
+    return wait_until([&] { return waitpid(pid, status, WNOHANG) == pid; }, timeout_ms);
+}
+
+bool exists(const std::string &path) { return access(path.c_str(), F_OK) == 0; }
 
 // One request span as the trace has it.
 struct Span {
@@ -170,6 +192,11 @@ TEST(ToolsCliTest, HelpRunsAndBadSetUpIsRefusedWithAReason) {
         {start + "atcmd_console' --module " + bin + "atcmd_daemon_sim' -c status", 1, "dlopen"},
         {"env -u ATCMD_ROOT " + start + "atcmd_accessory_sim' </dev/null", 2, "ATCMD_ROOT is not set"},
         {start + "atcmd_accessory_sim' --set colour=red </dev/null", 2, "bad --set \"colour=red\""},
+        {start + "atcmd_accessory_sim' --acm -1 </dev/null", 2, "ports are ttyACM0 to ttyACM9999"},
+        {start + "atcmd_accessory_sim' --every bat </dev/null", 2, "usage: every"},
+        {start + "atcmd_accessory_sim' --version", 0, "atcmd_accessory_sim 1."},
+        {start + "atcmd_daemon_sim' --version", 0, "atcmd_daemon_sim 1."},
+        {start + "atcmd_daemon_sim' start </dev/null", 2, "unexpected argument \"start\""},
     };
     for (const auto &[command, exit_code, says] : cases) {
         EXPECT_NE(run(command, exit_code).find(says), std::string::npos) << command;
@@ -233,10 +260,11 @@ TEST(TraceTest, AnsweredAndUnansweredQueriesAreOneSpanEachWithResendsInsideAndLi
     EXPECT_EQ(jq("[.traceEvents[] | select(.cat==\"link\" and .s==\"g\") | .name] | join(\",\")", trace), "plug,unplug\n");
 }
 
-// Cut short by a signal while a request waits: still valid JSON, the open span written, and
-// the process ended by that signal.
+// Cut short by a signal while a request waits: still valid JSON (also after SIGKILL, which
+// leaves no time to write anything), and the process ended by that signal; a signal that can be
+// caught has the open span written too.
 TEST(TraceTest, ATraceCutShortByASignalIsStillValid) {
-    for (int sig : {SIGINT, SIGTERM}) {
+    for (int sig : {SIGINT, SIGTERM, SIGKILL}) {
         Sandbox sb;
         const pid_t pid = start_console(sb, "--sim", "acc plug 3; wait VER 8000; acc silent +SN; query sn; sleep 20000");
         ASSERT_TRUE(wait_until([&] { return read_file(sb.path("/t.json")).find("\"resend\"") != std::string::npos; }, 10000));
@@ -244,10 +272,154 @@ TEST(TraceTest, ATraceCutShortByASignalIsStillValid) {
         const int status = finish(pid);
         EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == sig) << status;
         ASSERT_TRUE(valid_json(sb.path("/t.json"))) << read_file(sb.path("/t.json"));
+        if (sig == SIGKILL) {
+            EXPECT_EQ(jq("[.traceEvents[] | select(.cat==\"resend\")] | length > 0", sb.path("/t.json")), "true\n");
+            continue;
+        }
         const std::map<int, Span> all = spans(sb.path("/t.json"));
         ASSERT_EQ(all.count(100), 1u) << "signal " << sig;
         // Killed between two resends as a rule; a slow run may see the time-out come first.
         EXPECT_TRUE(all.at(100).outcome == "still open when the trace ended" || all.at(100).outcome == "-110 ETIMEDOUT")
             << all.at(100).outcome;
     }
+}
+
+// Bad arguments are refused with the command's usage line and change nothing; good ones act.
+TEST(SimCommandsTest, BadArgumentsAreRefusedWithTheUsageLineAndDoNothing) {
+    Sandbox sb;
+    atcmd_tools::AccSim *acc = atcmd_tools::acc_sim_create(atcmd_tools::AccIdentity{}, nullptr, nullptr);
+    const auto run = [&](const std::string &line) { return atcmd_tools::acc_command(acc, atcmd_tools::split_words(line)); };
+    const std::pair<const char *, const char *> refused[] = {
+        {"plug -1", "usage: plug [N]"},        {"plug 10000", "ttyACM0 .. ttyACM9999"},
+        {"plug 3x", "usage: plug"},            {"plug 3 4", "usage: plug"},
+        {"unplug", "not plugged"},             {"unplug-at", "usage: unplug-at"},
+        {"ask", "usage: ask"},                 {"ask colour", "usage: ask state|mac|ver|wt"},
+        {"report smoke", "usage: report"},     {"report bat 0", "usage: report"},
+        {"report bat 1 serial", "usage: report"}, {"every bat", "usage: every"},
+        {"every bat -5", "usage: every"},      {"delay", "usage: delay"},
+        {"drop many", "usage: drop"},          {"silent +NOPE", "usage: silent"},
+        {"silent +SN maybe", "usage: silent"}, {"split sideways", "usage: split"},
+        {"garbage 0", "usage: garbage"},       {"counters now", "usage: counters"},
+        {"fly", "unknown accessory command \"fly\""},
+    };
+    for (const auto &[line, says] : refused) {
+        const CommandResult r = run(line);
+        EXPECT_FALSE(r.ok) << line;
+        EXPECT_NE(r.text.find(says), std::string::npos) << line << ": " << r.text;
+    }
+    EXPECT_FALSE(exists(sb.path("/dev/ttyACM-1")));
+    EXPECT_FALSE(atcmd_tools::acc_sim_plugged(acc));
+    EXPECT_TRUE(run("plug 4").ok);
+    EXPECT_TRUE(exists(sb.path("/dev/ttyACM4")));
+    EXPECT_NE(run("plug 5").text.find("already plugged"), std::string::npos);
+    EXPECT_TRUE(run("unplug").ok);
+    atcmd_tools::acc_sim_destroy(acc);
+    const CommandResult daemon = atcmd_tools::daemon_command(nullptr, {"silent", "now"});
+    EXPECT_FALSE(daemon.ok);
+    EXPECT_NE(daemon.text.find("usage: silent"), std::string::npos) << daemon.text;
+}
+
+// One simulator per role and sandbox: the second is refused with the owner's pid and leaves the
+// first one's port alone; the claim ends with its owner, however it ends.
+TEST(SandboxClaimTest, ASecondSimulatorIsRefusedWithTheOwnersPid) {
+    Sandbox sb;
+    const pid_t first = start_tool("atcmd_accessory_sim", "</dev/null >/dev/null 2>&1");
+    ASSERT_TRUE(wait_until([&] { return exists(sb.path("/dev/ttyACM3")); }, 10000));
+    const std::string port = read_file(sb.path("/sim/accessory.lock"));
+    const std::string out = run(ATCMD_TOOL_RUNNER "'" ATCMD_BIN_DIR "/atcmd_accessory_sim' --acm 4 </dev/null", 2);
+    EXPECT_NE(out.find("held by pid " + std::to_string(first)), std::string::npos) << out;
+    EXPECT_FALSE(exists(sb.path("/dev/ttyACM4")));
+    std::string error;
+    EXPECT_EQ(atcmd_tools::sandbox_claim(atcmd_tools::kAccessoryRole, &error), -1);
+    const int daemon = atcmd_tools::sandbox_claim(atcmd_tools::kDaemonRole, &error);
+    EXPECT_GE(daemon, 0) << "another role of the same sandbox is free: " << error;
+    close(daemon);
+    kill(first, SIGKILL);
+    finish(first);
+    const int taken = atcmd_tools::sandbox_claim(atcmd_tools::kAccessoryRole, &error);
+    EXPECT_GE(taken, 0) << "a dead owner's claim is free: " << error;
+    EXPECT_EQ(read_file(sb.path("/sim/accessory.lock")), std::to_string(getpid()) + "\n");
+    close(taken);
+    // No room for the lock (a file where its directory goes): refused with the reason.
+    ASSERT_EQ(system(("rm -r '" + sb.path("/sim") + "' && touch '" + sb.path("/sim") + "'").c_str()), 0);
+    EXPECT_EQ(atcmd_tools::sandbox_claim(atcmd_tools::kAccessoryRole, &error), -1);
+    EXPECT_NE(error.find("cannot claim the sandbox"), std::string::npos) << error;
+}
+
+// Ctrl-D at a terminal ends a simulator; from /dev/null it runs on until a stop signal. Either
+// way it leaves cleanly: exit status 0, its port unplugged.
+TEST(SimulatorProcessTest, CtrlDAtATerminalOrAStopSignalEndsItCleanly) {
+    for (const bool terminal : {true, false}) {
+        Sandbox sb;
+        Pty tty;
+        const pid_t sim = start_tool("atcmd_accessory_sim", "<" + (terminal ? tty.slave_path() : "/dev/null") +
+                                                                " >/dev/null 2>&1");
+        ASSERT_TRUE(wait_until([&] { return exists(sb.path("/dev/ttyACM3")); }, 10000));
+        int status = 0;
+        if (terminal) {
+            tty.write("counters\n\x04");  // a command, then Ctrl-D at the start of a line
+        } else {
+            EXPECT_FALSE(ended_within(sim, &status, 300)) << "ended at the end of /dev/null";
+            kill(sim, SIGTERM);
+        }
+        ASSERT_TRUE(ended_within(sim, &status, 10000)) << (terminal ? "Ctrl-D" : "SIGTERM");
+        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+        EXPECT_FALSE(exists(sb.path("/dev/ttyACM3"))) << "left plugged";
+    }
+}
+
+// The relay's two ends in one process: each report line reaches the handler; a line too long to
+// be a report is dropped, and the next is taken; with no reader, a report is not relayed.
+TEST(StatusRelayTest, EachReportLineIsHandedOverAndAnOverlongOneDropped) {
+    Sandbox sb;
+    EXPECT_EQ(atcmd_tools::status_relay_send("running"), atcmd_tools::RelayResult::NoReader);
+    struct Seen {
+        std::mutex mu;  // guards reports and notes
+        std::vector<std::string> reports, notes;
+    } seen;
+    atcmd_tools::StatusListener *l = atcmd_tools::status_relay_listen(
+        [](void *ctx, const std::string &s) {
+            auto *seen = static_cast<Seen *>(ctx);
+            std::lock_guard<std::mutex> lock(seen->mu);
+            seen->reports.push_back(s);
+        },
+        [](void *ctx, const std::string &s) {
+            auto *seen = static_cast<Seen *>(ctx);
+            std::lock_guard<std::mutex> lock(seen->mu);
+            seen->notes.push_back(s);
+        },
+        &seen);
+    ASSERT_NE(l, nullptr);
+    for (const std::string &status : {std::string("running"), std::string(200, 'x'), std::string("heartbeat:1")}) {
+        EXPECT_EQ(atcmd_tools::status_relay_send(status), atcmd_tools::RelayResult::Relayed);
+    }
+    EXPECT_TRUE(wait_until([&] {
+        std::lock_guard<std::mutex> lock(seen.mu);
+        return seen.reports.size() >= 2;
+    }));
+    atcmd_tools::status_relay_stop(l);
+    EXPECT_EQ(seen.reports, (std::vector<std::string>{"running", "heartbeat:1"}));
+    EXPECT_NE(std::find(seen.notes.begin(), seen.notes.end(), "dropped a status line longer than 91 bytes"),
+              seen.notes.end());
+}
+
+// A daemon simulator run on its own, beside a console in another process: its reports reach the
+// module through the console, which starts the Wi-Fi link on "running" (WIFICON 1) and takes the
+// heartbeats that follow; the trace shows the link's events as they happened.
+TEST(StatusRelayTest, AStandaloneDaemonSimulatorsReportsReachTheModuleThroughTheConsole) {
+    Sandbox sb;
+    const pid_t daemon = start_tool("atcmd_daemon_sim", "--json </dev/null >'" + sb.path("/daemon.jsonl") + "' 2>&1");
+    ASSERT_TRUE(wait_until([&] { return read_file(sb.path("/daemon.jsonl")).find("waiting") != std::string::npos; }, 10000));
+    const pid_t shell = start(console("--trace '" + sb.path("/t.json") + "' -c 'wifi-init 192.168.43.1; wait WIFICON=1 8000; sleep 60000' >'" +
+                                      sb.path("/console.out") + "' 2>&1"));
+    EXPECT_TRUE(wait_until([&] { return read_file(sb.path("/console.out")).find("heartbeat:2") != std::string::npos; }, 15000));
+    kill(shell, SIGTERM);
+    finish(shell);
+    kill(daemon, SIGTERM);
+    finish(daemon);
+    const std::string out = read_file(sb.path("/console.out"));
+    expect_in_order(out, {"dsim  report \"running\"", "WIFICON (msg_id 18) seq 0: 1", "dsim  report \"heartbeat:2\""});
+    EXPECT_NE(read_file(sb.path("/daemon.jsonl")).find("{\"event\":\"status\",\"status\":\"heartbeat:2\"}"), std::string::npos);
+    EXPECT_EQ(jq("[.traceEvents[] | select(.cat==\"link\" and .s==\"g\") | .name] | join(\",\")", sb.path("/t.json")),
+              "daemon running,Wi-Fi up\n");
 }

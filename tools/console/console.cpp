@@ -29,6 +29,7 @@
 #include "sim/daemon_sim.h"
 #include "sim/messages.h"
 #include "sim/sim_util.h"
+#include "sim/status_relay.h"
 
 namespace atcmd_tools {
 
@@ -441,7 +442,10 @@ bool console_start(const ConsoleOptions &options, std::string *error) {
     g.module.dev->set_notify_callback(g.module.dev, on_message);
     console_say("module \"" + std::string(g.module.hmi->id) + "\" (" + g.module.hmi->name + ") from " +
                 g.module.path);
-    if (!options.simulators) return true;
+    if (!options.simulators) {
+        status_relay_listen(on_daemon_report, on_daemon_event, nullptr);  // a daemon simulator elsewhere
+        return true;
+    }
     g.acc = acc_sim_create(AccIdentity{}, on_acc_event, nullptr);
     g.daemon = g.acc != nullptr ? daemon_sim_create(g.acc, on_daemon_report, on_daemon_event, nullptr) : nullptr;
     if (g.daemon == nullptr) {

@@ -2,11 +2,13 @@
  * The console's timeline: one track (a named thread of the trace's one process) per actor, a
  * span per watched request on its link's track, instants for lines, link events and callbacks,
  * and a counter of requests in flight. Any thread reports into it under its lock; the log
- * follower thread adds what only the module's log tells (a lost heartbeat).
+ * follower thread adds what only the module's log tells (a lost heartbeat, a daemon restart).
  */
 #include "console/timeline.h"
 
 #include <fcntl.h>
+#include <poll.h>
+#include <sys/inotify.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -33,8 +35,31 @@ constexpr int kLaneStride = 10;
 constexpr uint8_t kFirstUnwatchedRow = AT_MSG_WIFICON + 1;  // the module watches rows below 19
 constexpr int32_t kTimedOut = -110;
 constexpr const char kTimedOutName[] = "-110 ETIMEDOUT";
-constexpr const char kLostHeartbeatLog[] = "lost heart beat";
 constexpr int kLogPollMs = 50;
+
+// What only the module's log tells, and the global event each becomes.
+struct LogEvent {
+    const char *words;
+    const char *event;
+};
+constexpr LogEvent kLogEvents[] = {
+    {"lost heart beat", "heartbeat lost"},
+    {"Hid_daemon stopped, begin re-init wifi", "daemon restart"},
+};
+constexpr size_t kLongestLogWords = 38;  // the longest of the words above
+static_assert(sizeof "Hid_daemon stopped, begin re-init wifi" - 1 == kLongestLogWords, "kLongestLogWords");
+
+// The link events the accessory simulator tells as it makes them (dir "!!"), by their start.
+struct SimLinkEvent {
+    const char *starts;
+    const char *event;
+};
+constexpr SimLinkEvent kSimLinkEvents[] = {
+    {"plugged ", "plug"},
+    {"unplugged ", "unplug"},
+    {"Wi-Fi link attached", "Wi-Fi up"},
+    {"Wi-Fi link detached", "Wi-Fi down"},
+};
 
 struct Span {
     uint16_t seq = 0;
@@ -215,8 +240,9 @@ void line_to_phone_locked(int track, const std::string &text) {
     }
 }
 
-// Link events a callback tells: plug and unplug, Wi-Fi up and down. An answer to a query of the
-// same keyword looks alike, so only a change of state is an event.
+// Link events a callback tells, when no simulator in this process sees the links: plug and
+// unplug, Wi-Fi up and down. An answer to a query of the same keyword looks alike, so only a
+// change of state is an event.
 const char *link_event_locked(const DecodedMessage &m) {
     const bool usb = m.msg_id == AT_MSG_USBSTATE;
     if ((!usb && m.msg_id != AT_MSG_WIFICON) || m.ints.empty()) return nullptr;
@@ -227,14 +253,36 @@ const char *link_event_locked(const DecodedMessage &m) {
     return usb ? (now ? "plug" : "unplug") : (now ? "Wi-Fi up" : "Wi-Fi down");
 }
 
+// The first of kLogEvents in `text`: its place (and which in *which), or npos.
+size_t next_log_event(const std::string &text, const LogEvent **which) {
+    size_t first = std::string::npos;
+    for (const LogEvent &e : kLogEvents) {
+        const size_t at = text.find(e.words);
+        if (at < first) {
+            first = at;
+            *which = &e;
+        }
+    }
+    return first;
+}
+
 // Reads what the module appends to its log, for the events only the log tells. The time of an
-// event is when this thread read it (within kLogPollMs).
+// event is when this thread read it: woken by inotify as the module writes (a millisecond or
+// so), or within kLogPollMs when the log's directory cannot be watched.
 void follow_log() {
-    const std::string path = rooted(ATCMD_LOG_DIR "/" ATCMD_LOG_FILE);
+    const std::string dir = rooted(ATCMD_LOG_DIR);
+    const std::string path = dir + "/" ATCMD_LOG_FILE;
+    int watch = inotify_init1(IN_CLOEXEC | IN_NONBLOCK);
+    if (watch >= 0 && inotify_add_watch(watch, dir.c_str(), IN_MODIFY | IN_CREATE) < 0) close_fd(&watch);
     off_t offset = -1;
     std::string held;
     while (trace_is_open()) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(kLogPollMs));
+        struct pollfd pfd = {watch, POLLIN, 0};
+        if (poll(&pfd, 1, kLogPollMs) > 0) {
+            alignas(struct inotify_event) char events[4096];
+            while (read(watch, events, sizeof events) > 0) {
+            }
+        }
         const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
         if (fd < 0) continue;
         const off_t size = lseek(fd, 0, SEEK_END);
@@ -243,12 +291,14 @@ void follow_log() {
         for (ssize_t n; (n = pread(fd, buf, sizeof buf, offset)) > 0; offset += n) held.append(buf, static_cast<size_t>(n));
         close(fd);
         // The module's log lines carry no line end of their own: look for the words, and keep
-        // a tail that may hold their beginning.
-        for (size_t at; (at = held.find(kLostHeartbeatLog)) != std::string::npos; held.erase(0, at + 1)) {
-            instant("heartbeat lost", "link", kUpper, "{}", 'g');
+        // a tail that may hold the beginning of the next.
+        const LogEvent *e = nullptr;
+        for (size_t at; (at = next_log_event(held, &e)) != std::string::npos; held.erase(0, at + 1)) {
+            instant(e->event, "link", kUpper, "{}", 'g');
         }
-        if (held.size() >= sizeof kLostHeartbeatLog) held.erase(0, held.size() - (sizeof kLostHeartbeatLog - 2));
+        if (held.size() >= kLongestLogWords) held.erase(0, held.size() - (kLongestLogWords - 1));
     }
+    close_fd(&watch);
 }
 
 // Writes what is still open when the trace ends: the running command and unanswered requests.
@@ -295,7 +345,8 @@ void timeline_callback(const DecodedMessage &m) {
     const bool timed_out = m.msg_id == AT_MSG_ERROR && m.ints.size() == 1 && m.ints[0] == kTimedOut;
     const std::string name = m.name + " #" + std::to_string(m.seq_num) + (timed_out ? std::string(" ") + kTimedOutName : "");
     instant(name, "callback", kUpper, "{\"message\":" + quoted(message_text(m)) + "}");
-    if (const char *event = link_event_locked(m)) instant(event, "link", kUpper, "{\"message\":" + quoted(message_text(m)) + "}", 'g');
+    const char *event = tl.links_seen ? nullptr : link_event_locked(m);  // else the simulators tell them
+    if (event != nullptr) instant(event, "link", kUpper, "{\"message\":" + quoted(message_text(m)) + "}", 'g');
     const int at = span_of_callback_locked(m);
     if (at < 0) return;
     const bool error = m.msg_id == AT_MSG_ERROR && m.ints.size() == 1;
@@ -313,6 +364,10 @@ void timeline_link_line(AccLink link, const char *dir, const std::string &text) 
         line_to_phone_locked(track, text);
     } else {
         instant(text, "sim", kAccessory, text_args(text));
+        // The simulator made the link change just now: the module's callback comes later.
+        for (const SimLinkEvent &e : kSimLinkEvents) {
+            if (text.rfind(e.starts, 0) == 0) instant(e.event, "link", kUpper, text_args(text), 'g');
+        }
     }
 }
 

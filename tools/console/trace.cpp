@@ -1,8 +1,10 @@
 /*
- * The trace file's writer: each event goes out in one write as it comes, so that the file on
- * disk is always the head and whole events; finishing appends the end of the array. Any thread
- * writes; the signal thread (started by trace_finish_on_signals) finishes on SIGINT, SIGTERM
- * or SIGHUP, outside any signal handler, and then lets the signal end the process.
+ * The trace file's writer: the file on disk is a whole JSON document at every moment. Each
+ * event goes out in one write over the end of the array ("]}"), carrying that end again after
+ * it, so that a trace of a process killed by SIGKILL opens as it stood. Any thread writes; the
+ * signal thread (started by trace_finish_on_signals) finishes on SIGINT, SIGTERM or SIGHUP,
+ * outside any signal handler, writing what is still open, and then lets the signal end the
+ * process.
  */
 #include "console/trace.h"
 
@@ -29,9 +31,10 @@ constexpr int kEndSignals[] = {SIGINT, SIGTERM, SIGHUP};
 
 struct TraceFile {
     Clock::time_point origin = Clock::now();  // written once, before any other thread starts
-    std::mutex mu;  // guards fd and first; taken after the finisher's own locks
+    std::mutex mu;  // guards fd, first and end; taken after the finisher's own locks
     int fd = -1;
     bool first = true;
+    off_t end = 0;  // where the end of the array starts: the next event is written there
     // Guards finisher; held through a whole finish, so that a second caller waits for it.
     // Lock order: finish_mu, then the finisher's own locks, then mu.
     std::mutex finish_mu;
@@ -74,7 +77,10 @@ bool trace_open(const std::string &path, Clock::time_point origin, std::string *
     std::lock_guard<std::mutex> lock(t.mu);
     t.origin = origin;
     t.fd = fd;
-    if (!write_all(fd, kHead, sizeof kHead - 1)) {
+    t.first = true;
+    t.end = sizeof kHead - 1;
+    const std::string empty = std::string(kHead) + kTail;
+    if (!write_all(fd, empty.data(), empty.size())) {
         *error = "cannot write the trace " + path + ": " + strerror(errno);
         close_fd(&t.fd);
         return false;
@@ -94,10 +100,17 @@ int64_t trace_now_us() {
 void trace_write(const std::string &fields) {
     std::lock_guard<std::mutex> lock(t.mu);
     if (t.fd < 0) return;
-    const std::string line = std::string(t.first ? "" : ",\n") + "{" + fields + "}";
+    const std::string event = std::string(t.first ? "" : ",\n") + "{" + fields + "}";
+    const std::string line = event + kTail;
+    // One write: the file holds the array's end before it and after it. A failed write is
+    // retried at the same place by the next event; this one is lost.
+    ssize_t w;
+    do {
+        w = pwrite(t.fd, line.data(), line.size(), t.end);
+    } while (w < 0 && errno == EINTR);
+    if (w != static_cast<ssize_t>(line.size())) return;
     t.first = false;
-    // A failed write leaves the file as it was before this event; the event is lost.
-    write_all(t.fd, line.data(), line.size());
+    t.end += static_cast<off_t>(event.size());
 }
 
 void trace_set_finisher(void (*fn)()) {
@@ -110,8 +123,7 @@ void trace_finish() {
     if (!trace_is_open()) return;
     if (t.finisher != nullptr) t.finisher();
     std::lock_guard<std::mutex> lock(t.mu);
-    write_all(t.fd, kTail, sizeof kTail - 1);
-    close_fd(&t.fd);
+    close_fd(&t.fd);  // the end of the array is in place already
 }
 
 void trace_finish_on_signals() {

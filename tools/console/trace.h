@@ -1,7 +1,9 @@
 /*
  * The trace file: a JSON Trace Event Format object ({"traceEvents":[...]}) that trace viewers
- * open, written one event at a time as the console runs and closed on exit, on "close" and on
- * a terminating signal. Any thread may write events; one thread of its own waits for signals.
+ * open, written one event at a time as the console runs and whole after every event (a run
+ * killed by SIGKILL leaves a trace that opens); what is still open is written on exit, on
+ * "close" and on a terminating signal. Any thread may write events; one thread of its own
+ * waits for signals.
  */
 #ifndef ATCMD_TOOLS_CONSOLE_TRACE_H
 #define ATCMD_TOOLS_CONSOLE_TRACE_H
@@ -16,7 +18,7 @@ namespace atcmd_tools {
 // The one process every track of the trace belongs to.
 constexpr int kTracePid = 1;
 
-// Creates (or empties) `path` and writes the file's head; times are counted from `origin`.
+// Creates (or empties) `path` and writes an empty trace; times are counted from `origin`.
 // False with the reason in *error.
 bool trace_open(const std::string &path, std::chrono::steady_clock::time_point origin, std::string *error);
 bool trace_is_open();
@@ -28,7 +30,7 @@ void trace_write(const std::string &fields);
 // Runs `fn` once as the trace is finished, before its end is written: it writes what is still
 // open (through trace_write, so it must not be called with the writer's lock held).
 void trace_set_finisher(void (*fn)());
-// Writes what is still open and the end of the array; later events are dropped. Idempotent.
+// Writes what is still open and closes the file; later events are dropped. Idempotent.
 void trace_finish();
 // Blocks SIGINT, SIGTERM and SIGHUP in the calling thread (so in every thread it starts later)
 // and starts a thread that, on one of them, finishes the trace and ends the process by it.

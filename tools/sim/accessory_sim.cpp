@@ -350,6 +350,15 @@ bool acc_identity_set(AccIdentity *id, const std::string &name, const std::strin
     return false;
 }
 
+bool acc_keyword_answered(const std::string &keyword) {
+    const std::string key = keyword.rfind("+", 0) == 0 ? keyword : "+" + keyword;
+    if (key == "+VER") return true;
+    for (const IdentityRow &row : kIdentity) {
+        if (key == row.keyword) return true;
+    }
+    return false;
+}
+
 std::string acc_identity_names() {
     std::string out;
     for (const IdentityRow &row : kIdentity) {

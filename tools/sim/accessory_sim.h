@@ -34,6 +34,10 @@ struct AccIdentity {
 bool acc_identity_set(AccIdentity *id, const std::string &name, const std::string &value);
 std::string acc_identity_names();
 
+// Whether the accessory answers queries of `keyword` ("+SN", "SN"): the keywords a "silent"
+// fault can name.
+bool acc_keyword_answered(const std::string &keyword);
+
 // Which link a line travels on.
 enum class AccLink { Usb, Wifi };
 

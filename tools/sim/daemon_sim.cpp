@@ -131,11 +131,16 @@ void stop_locked(DaemonSim *d, bool orderly_exit) {
     close_fd(&d->fifo_rx);
     close_fd(&d->fifo_cmd);
     d->running = false;
-    if (orderly_exit) {
-        d->counters.exits++;
-        property_set(kStsProperty, "exit");
+    if (!orderly_exit) {
+        note(d, "stopped");
+        return;
     }
-    note(d, orderly_exit ? "exit requested on fifo_cmd: stopped, vendor.hid_sts=exit" : "stopped");
+    d->counters.exits++;
+    // The module waits a second for this value; a store that refuses it (read-only) makes the
+    // module fall back to its forced stop, so say so rather than claim an orderly exit.
+    note(d, property_set(kStsProperty, "exit") == 0
+                ? "exit requested on fifo_cmd: stopped, vendor.hid_sts=exit"
+                : "exit requested on fifo_cmd: stopped, but vendor.hid_sts=exit could not be set");
 }
 
 void read_command_property_locked(DaemonSim *d) {

@@ -26,6 +26,8 @@ std::vector<std::string> split_words(const std::string &line);
 CommandResult acc_command(AccSim *sim, const std::vector<std::string> &words);
 // Runs a daemon command ("silent", "resume", "error", "status").
 CommandResult daemon_command(DaemonSim *sim, const std::vector<std::string> &words);
+// A port number as "plug" takes it (0 .. 9999); false for anything else.
+bool parse_acm_number(const std::string &text, int *n);
 // One line per command, for --help and the console's help.
 std::string acc_command_help();
 std::string daemon_command_help();

@@ -1,7 +1,7 @@
 /*
  * Small descriptor and file helpers shared by the simulators and the console: whole writes
- * with EINTR retried, closing a descriptor once, directories and small files in the sandbox.
- * Stateless; any thread.
+ * with EINTR retried, closing a descriptor once, directories and small files in the sandbox,
+ * and the claim a simulator holds on its sandbox. Stateless; any thread.
  */
 #ifndef ATCMD_TOOLS_SIM_SIM_UTIL_H
 #define ATCMD_TOOLS_SIM_SIM_UTIL_H
@@ -27,6 +27,18 @@ void poke_pipe(int write_end);
 void drain_pipe(int read_end);
 // The path as written, under the sandbox root; "" when it does not fit.
 std::string rooted(const std::string &as_written);
+
+// The roles a process can claim in a sandbox: one accessory and one daemon per sandbox (a
+// second of either would take over the first one's port or split its FIFO lines).
+constexpr const char kAccessoryRole[] = "accessory";
+constexpr const char kDaemonRole[] = "daemon";
+
+// Claims `role` in the sandbox named by ATCMD_ROOT for this process: an exclusive flock on
+// DIR/sim/<role>.lock, which holds the owner's pid. Returns the lock's descriptor (held open,
+// the claim lasts until it is closed or the process ends, however it ends), or -1 with the
+// reason in *error: the owner's pid when another process holds the role, else why the lock
+// file cannot be made (no sandbox, a read-only one).
+int sandbox_claim(const char *role, std::string *error);
 
 }  // namespace atcmd_tools
 
