@@ -626,7 +626,7 @@ int console_start(const ConsoleOptions &options, std::string *error) {
     if (!options.trace.empty() && !trace_open(options.trace, g.started, error)) return kExitFailed;
     log_watch_start();  // from the log's present end: what the module says as it opens is news
     if (!load_module(options.module, options.log_level, &g.module, error)) return kExitNoModule;
-    log_watch_check_log();
+    log_watch_opened();
     if (!options.trace.empty()) {
         timeline_start(g.module.dev->system_status.platform, options.simulators);
         g.tracing = true;

@@ -1,8 +1,8 @@
 /*
  * Follows the module's log file for the phrases of a small table and says each as a console
  * warning; after a daemon restart it waits for the Wi-Fi link to come up and says so when it
- * does not. The follower thread runs for the whole process; the callback thread touches only
- * the atomic restart deadline.
+ * does not. The main thread reads what the module logs as it opens; then the follower thread,
+ * for the whole process; the callback thread touches only the atomic restart deadline.
  */
 #include "console/log_watch.h"
 
@@ -79,38 +79,53 @@ void check_restart() {
                      " s: is it running, and are its reports relayed?");
 }
 
-void follow(std::string path, off_t offset) {
-    std::string held;
+struct Follower {
+    std::string path;
+    off_t offset = 0;  // how far the log was read
+    std::string held;  // read and not yet matched
+};
+
+Follower g_log;  // the main thread until log_watch_opened starts the follower, then only it
+
+// Reads what the module added to its log since the last look and says what it finds.
+void look(Follower *f) {
+    const int fd = open(f->path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) return;
+    if (lseek(fd, 0, SEEK_END) < f->offset) f->offset = 0;  // the log was started again
+    char buf[4096];
+    for (ssize_t n; (n = pread(fd, buf, sizeof buf, f->offset)) > 0; f->offset += n) {
+        f->held.append(buf, static_cast<size_t>(n));
+    }
+    close(fd);
+    scan(&f->held);
+}
+
+void follow() {
     for (;;) {
         std::this_thread::sleep_for(std::chrono::milliseconds(kPollMs));
         check_restart();
-        const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
-        if (fd < 0) continue;
-        const off_t size = lseek(fd, 0, SEEK_END);
-        if (size < offset) offset = 0;  // the log was started again
-        char buf[4096];
-        for (ssize_t n; (n = pread(fd, buf, sizeof buf, offset)) > 0; offset += n) held.append(buf, static_cast<size_t>(n));
-        close(fd);
-        scan(&held);
+        look(&g_log);
     }
 }
 
 }  // namespace
 
 void log_watch_start() {
-    const std::string path = rooted(ATCMD_LOG_DIR "/" ATCMD_LOG_FILE);
-    const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    const off_t end = fd >= 0 ? lseek(fd, 0, SEEK_END) : 0;
+    g_log.path = rooted(ATCMD_LOG_DIR "/" ATCMD_LOG_FILE);
+    const int fd = open(g_log.path.c_str(), O_RDONLY | O_CLOEXEC);
+    g_log.offset = fd >= 0 ? lseek(fd, 0, SEEK_END) : 0;
     if (fd >= 0) close(fd);
-    std::thread(follow, path, end).detach();
 }
 
 // The module made its log directory and opened the file as it opened; the console only looks.
-void log_watch_check_log() {
-    const std::string path = rooted(ATCMD_LOG_DIR "/" ATCMD_LOG_FILE);
-    if (access(path.c_str(), W_OK) == 0) return;
-    console_warn("log-unwritable", "the module's log " + path + " is missing or cannot be written (" + strerror(errno) +
-                                       "): what the module logs is lost, and so are its warnings here");
+void log_watch_opened() {
+    if (access(g_log.path.c_str(), W_OK) != 0) {
+        console_warn("log-unwritable", "the module's log " + g_log.path + " is missing or cannot be written (" +
+                                           strerror(errno) + "): what the module logs is lost, and so are its "
+                                           "warnings here");
+    }
+    look(&g_log);  // what the module said as it opened comes before the first command
+    std::thread(follow).detach();
 }
 
 void log_watch_message(const DecodedMessage &m) {

@@ -11,11 +11,12 @@
 
 namespace atcmd_tools {
 
-// Starts following the module's log from its present end: call before the module opens, so
-// that what it logs as it opens is seen.
+// Notes where the module's log ends now: call before the module opens, so that what it logs as
+// it opens is seen.
 void log_watch_start();
-// Says when the module's log file is missing or cannot be written: call after it opened.
-void log_watch_check_log();
+// Once the module opened: says when its log is missing or cannot be written, says what it
+// logged as it opened, and starts following the log. Main thread.
+void log_watch_opened();
 
 // A notify message: Wi-Fi up ends the wait for a restarted daemon. Any thread.
 void log_watch_message(const DecodedMessage &m);
