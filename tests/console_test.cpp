@@ -122,7 +122,7 @@ TEST(ConsoleJsonTest, EveryLineIsAStampedObjectWithStructuredFields) {
         (.[] | select(.command == "status") | "status platform \(.platform) usb_connected \(.usb_connected)"),
         (.[] | select(.command == "devinfo") | "devinfo \(.type) \(.ver[0])"),
         (.[] | select(.command == "getprop") | "getprop \(.value) \(.set)"),
-        (.[] | select(.name == "ERROR") | "error \(.error.number) \(.error.name)"),
+        (first(.[] | select(.name == "ERROR")) | "error \(.error.number) \(.error.name)"),
         ([.[] | select(.event == "daemon" and .report == "running")] | "daemon running \(length > 0)"),
         (.[] | select(.event == "summary") | "summary \(keys | join(","))"),
         (.[] | select(.command == "nosuch") | "nosuch \(.ok) \(.exit_code)"),
