@@ -1,15 +1,12 @@
 /*
  * The trace file's writer: each event goes out in one write as it comes, so that the file on
  * disk is always the head and whole events; finishing appends the end of the array. Any thread
- * writes; the signal thread (started by trace_finish_on_signals) finishes on SIGINT, SIGTERM
- * or SIGHUP, outside any signal handler, and then lets the signal end the process.
+ * writes; the console finishes the trace as it ends (console/signals.cpp for the signals).
  */
 #include "console/trace.h"
 
 #include <errno.h>
 #include <fcntl.h>
-#include <pthread.h>
-#include <signal.h>
 #include <string.h>
 #include <unistd.h>
 
@@ -25,7 +22,6 @@ using Clock = std::chrono::steady_clock;
 
 constexpr const char kHead[] = "{\"displayTimeUnit\":\"ms\",\"traceEvents\":[\n";
 constexpr const char kTail[] = "\n]}\n";
-constexpr int kEndSignals[] = {SIGINT, SIGTERM, SIGHUP};
 
 struct TraceFile {
     Clock::time_point origin = Clock::now();  // written once, before any other thread starts
@@ -39,29 +35,6 @@ struct TraceFile {
 };
 
 TraceFile t;
-
-sigset_t end_signals() {
-    sigset_t set;
-    sigemptyset(&set);
-    for (int sig : kEndSignals) sigaddset(&set, sig);
-    return set;
-}
-
-// Waits for a terminating signal, finishes the trace, then takes the signal's default action.
-void *signal_thread(void *) {
-    const sigset_t set = end_signals();
-    int sig = 0;
-    while (sigwait(&set, &sig) != 0) {
-    }
-    trace_finish();
-    signal(sig, SIG_DFL);
-    sigset_t one;
-    sigemptyset(&one);
-    sigaddset(&one, sig);
-    pthread_sigmask(SIG_UNBLOCK, &one, nullptr);
-    raise(sig);
-    _exit(128 + sig);  // not reached: the default action of each of these signals ends the process
-}
 
 }  // namespace
 
@@ -112,13 +85,6 @@ void trace_finish() {
     std::lock_guard<std::mutex> lock(t.mu);
     write_all(t.fd, kTail, sizeof kTail - 1);
     close_fd(&t.fd);
-}
-
-void trace_finish_on_signals() {
-    const sigset_t set = end_signals();
-    pthread_sigmask(SIG_BLOCK, &set, nullptr);
-    pthread_t thread;
-    if (pthread_create(&thread, nullptr, signal_thread, nullptr) == 0) pthread_detach(thread);
 }
 
 }  // namespace atcmd_tools

@@ -1,7 +1,7 @@
 /*
  * The trace file: a JSON Trace Event Format object ({"traceEvents":[...]}) that trace viewers
  * open, written one event at a time as the console runs and closed on exit, on "close" and on
- * a terminating signal. Any thread may write events; one thread of its own waits for signals.
+ * a terminating signal. Any thread may write events.
  */
 #ifndef ATCMD_TOOLS_CONSOLE_TRACE_H
 #define ATCMD_TOOLS_CONSOLE_TRACE_H
@@ -30,10 +30,6 @@ void trace_write(const std::string &fields);
 void trace_set_finisher(void (*fn)());
 // Writes what is still open and the end of the array; later events are dropped. Idempotent.
 void trace_finish();
-// Blocks SIGINT, SIGTERM and SIGHUP in the calling thread (so in every thread it starts later)
-// and starts a thread that, on one of them, finishes the trace and ends the process by it.
-// Call before any other thread starts.
-void trace_finish_on_signals();
 
 }  // namespace atcmd_tools
 
