@@ -134,11 +134,12 @@ constexpr const char kPlugAndAsk[] = "acc plug 3; wait VER 8000; query sn; wait 
 // a query nothing answers comes back as a time-out, and a bad command fails the script.
 TEST(ConsoleTest, LoadsTheModuleReportsTheUnansweredQueryAndFailsOnABadCommand) {
     Sandbox sb;
-    const std::string out = run_console("--json", "# a comment\nquery ver\nwait ERROR=-110 5000\nnosuch\n", 1);
+    const std::string out = run_console("--json", "# a comment\nquery ver\nwait ERROR=-110 5000\nnosuch\n", 2);
     EXPECT_NE(out.find("module \\\"atcmdprocess\\\" (At cmd process HAL)"), std::string::npos) << out;
-    EXPECT_NE(out.find("{\"event\":\"message\",\"msg_id\":24,\"name\":\"ERROR\",\"seq_num\":100,\"value\":[-110]}"),
+    EXPECT_NE(out.find("\"event\":\"message\",\"msg_id\":24,\"name\":\"ERROR\",\"seq_num\":100,\"value\":[-110],"
+                       "\"error\":{\"number\":-110,\"name\":\"ETIMEDOUT\""),
               std::string::npos) << out;
-    EXPECT_NE(out.find("{\"event\":\"result\",\"command\":\"nosuch\",\"ok\":false"), std::string::npos) << out;
+    EXPECT_NE(out.find("\"event\":\"result\",\"command\":\"nosuch\",\"ok\":false,\"exit_code\":2"), std::string::npos) << out;
     EXPECT_EQ(out.find("[tid:"), std::string::npos) << "module prints leaked into the console output";
     EXPECT_TRUE(std::regex_search(sb.log_text(), std::regex(R"(\]\[tid:\d+\]atcmder_hal_open:\d+: func is atcmder_hal_open\.)")))
         << sb.log_text();
@@ -159,6 +160,7 @@ TEST(ConsoleEndToEndTest, DemonstrationScriptRunsEveryStep) {
                           "WIFICON (msg_id 18) seq 0: 1", "WIFICON (msg_id 18) seq 0: 0", "vendor.hid_sts=exit",
                           "USBSTATE (msg_id 16) seq 0: connected 0 status -1",
                           "summary: resends " + std::to_string(ATCMD_MAX_RESENDS) + ", time-outs 1"});
+    EXPECT_NE(out.find("warning: the Wi-Fi daemon's heartbeat was lost"), std::string::npos) << out;
 }
 
 // The console's own commands, and the record "send" fills from a line as the upper layer would.
@@ -188,8 +190,8 @@ TEST(ToolsCliTest, HelpRunsAndBadSetUpIsRefusedWithAReason) {
         {start + "atcmd_console' --help", 0, "usage: atcmd_console"},
         {start + "atcmd_accessory_sim' --help", 0, "ask state|mac|ver|wt"},
         {start + "atcmd_daemon_sim' --help", 0, "vendor.hid_cmd"},
-        {start + "atcmd_console' --module /nonexistent/atcmdprocess.default.so -c status", 1, "no atcmdprocess.default.so found"},
-        {start + "atcmd_console' --module " + bin + "atcmd_daemon_sim' -c status", 1, "dlopen"},
+        {start + "atcmd_console' --module /nonexistent/atcmdprocess.default.so -c status", 4, "no atcmdprocess.default.so found"},
+        {start + "atcmd_console' --module " + bin + "atcmd_daemon_sim' -c status", 4, "dlopen"},
         {"env -u ATCMD_ROOT " + start + "atcmd_accessory_sim' </dev/null", 2, "ATCMD_ROOT is not set"},
         {start + "atcmd_accessory_sim' --set colour=red </dev/null", 2, "bad --set \"colour=red\""},
         {start + "atcmd_accessory_sim' --acm -1 </dev/null", 2, "ports are ttyACM0 to ttyACM9999"},

@@ -5,6 +5,9 @@
 #include "console/loader.h"
 
 #include <dlfcn.h>
+#include <errno.h>
+#include <elf.h>
+#include <fcntl.h>
 #include <limits.h>
 #include <stdlib.h>
 #include <string.h>
@@ -33,6 +36,53 @@ std::string tool_dir() {
     return exe;
 }
 
+struct ElfKind {
+    unsigned char elf_class;  // ELFCLASS32 or ELFCLASS64
+    uint16_t machine;         // EM_*
+};
+
+constexpr struct {
+    uint16_t machine;
+    const char *name;
+} kMachines[] = {{EM_X86_64, "x86_64"}, {EM_AARCH64, "arm64"}, {EM_ARM, "arm"}, {EM_386, "x86"}};
+
+// The class and machine of an ELF file; false when it is not one (or cannot be read).
+bool elf_kind(const char *path, ElfKind *kind) {
+    unsigned char head[EI_NIDENT + 4] = {};
+    const int fd = open(path, O_RDONLY | O_CLOEXEC);
+    if (fd < 0) return false;
+    const ssize_t n = pread(fd, head, sizeof head, 0);
+    close(fd);
+    if (n != static_cast<ssize_t>(sizeof head) || memcmp(head, ELFMAG, SELFMAG) != 0) return false;
+    kind->elf_class = head[EI_CLASS];
+    // e_machine follows e_type, in the file's byte order.
+    const unsigned char *m = head + EI_NIDENT + 2;
+    kind->machine = head[EI_DATA] == ELFDATA2MSB ? static_cast<uint16_t>(m[0] << 8 | m[1]) : static_cast<uint16_t>(m[1] << 8 | m[0]);
+    return true;
+}
+
+std::string elf_name(const ElfKind &k) {
+    for (const auto &m : kMachines) {
+        if (m.machine == k.machine) return std::string(m.name) + (k.elf_class == ELFCLASS64 ? " (64-bit)" : " (32-bit)");
+    }
+    return "machine " + std::to_string(k.machine) + (k.elf_class == ELFCLASS64 ? " (64-bit)" : " (32-bit)");
+}
+
+// A module built for another architecture makes dlopen say little ("No such file or
+// directory" for a file that is there, on some libcs): name both architectures instead.
+bool same_architecture(const std::string &path, std::string *error) {
+    ElfKind module{}, self{};
+    if (!elf_kind(path.c_str(), &module)) {
+        *error = path + " is not a shared library (no ELF header)";
+        return false;
+    }
+    if (!elf_kind("/proc/self/exe", &self) || (module.elf_class == self.elf_class && module.machine == self.machine)) {
+        return true;
+    }
+    *error = path + " is built for " + elf_name(module) + "; this console runs as " + elf_name(self);
+    return false;
+}
+
 }  // namespace
 
 std::vector<std::string> module_candidates(const std::string &explicit_path) {
@@ -57,9 +107,10 @@ bool load_module(const std::string &explicit_path, int log_level, LoadedModule *
     std::string tried;
     for (const std::string &path : module_candidates(explicit_path)) {
         if (access(path.c_str(), R_OK) != 0) {
-            tried += " " + path;
+            tried += " " + path + " (" + strerror(errno) + ")";
             continue;
         }
+        if (!same_architecture(path, error)) return false;
         out->handle = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
         if (out->handle == nullptr) {
             *error = std::string("dlopen: ") + dlerror();

@@ -2,16 +2,13 @@
  * The trace file's writer: the file on disk is a whole JSON document at every moment. Each
  * event goes out in one write over the end of the array ("]}"), carrying that end again after
  * it, so that a trace of a process killed by SIGKILL opens as it stood. Any thread writes; the
- * signal thread (started by trace_finish_on_signals) finishes on SIGINT, SIGTERM or SIGHUP,
- * outside any signal handler, writing what is still open, and then lets the signal end the
- * process.
+ * console finishes the trace, writing what is still open, as it ends (console/signals.cpp for
+ * the signals).
  */
 #include "console/trace.h"
 
 #include <errno.h>
 #include <fcntl.h>
-#include <pthread.h>
-#include <signal.h>
 #include <string.h>
 #include <unistd.h>
 
@@ -27,7 +24,6 @@ using Clock = std::chrono::steady_clock;
 
 constexpr const char kHead[] = "{\"displayTimeUnit\":\"ms\",\"traceEvents\":[\n";
 constexpr const char kTail[] = "\n]}\n";
-constexpr int kEndSignals[] = {SIGINT, SIGTERM, SIGHUP};
 
 struct TraceFile {
     Clock::time_point origin = Clock::now();  // written once, before any other thread starts
@@ -42,29 +38,6 @@ struct TraceFile {
 };
 
 TraceFile t;
-
-sigset_t end_signals() {
-    sigset_t set;
-    sigemptyset(&set);
-    for (int sig : kEndSignals) sigaddset(&set, sig);
-    return set;
-}
-
-// Waits for a terminating signal, finishes the trace, then takes the signal's default action.
-void *signal_thread(void *) {
-    const sigset_t set = end_signals();
-    int sig = 0;
-    while (sigwait(&set, &sig) != 0) {
-    }
-    trace_finish();
-    signal(sig, SIG_DFL);
-    sigset_t one;
-    sigemptyset(&one);
-    sigaddset(&one, sig);
-    pthread_sigmask(SIG_UNBLOCK, &one, nullptr);
-    raise(sig);
-    _exit(128 + sig);  // not reached: the default action of each of these signals ends the process
-}
 
 }  // namespace
 
@@ -124,13 +97,6 @@ void trace_finish() {
     if (t.finisher != nullptr) t.finisher();
     std::lock_guard<std::mutex> lock(t.mu);
     close_fd(&t.fd);  // the end of the array is in place already
-}
-
-void trace_finish_on_signals() {
-    const sigset_t set = end_signals();
-    pthread_sigmask(SIG_BLOCK, &set, nullptr);
-    pthread_t thread;
-    if (pthread_create(&thread, nullptr, signal_thread, nullptr) == 0) pthread_detach(thread);
 }
 
 }  // namespace atcmd_tools

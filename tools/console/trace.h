@@ -2,8 +2,7 @@
  * The trace file: a JSON Trace Event Format object ({"traceEvents":[...]}) that trace viewers
  * open, written one event at a time as the console runs and whole after every event (a run
  * killed by SIGKILL leaves a trace that opens); what is still open is written on exit, on
- * "close" and on a terminating signal. Any thread may write events; one thread of its own
- * waits for signals.
+ * "close" and on a terminating signal. Any thread may write events.
  */
 #ifndef ATCMD_TOOLS_CONSOLE_TRACE_H
 #define ATCMD_TOOLS_CONSOLE_TRACE_H
@@ -32,10 +31,6 @@ void trace_write(const std::string &fields);
 void trace_set_finisher(void (*fn)());
 // Writes what is still open and closes the file; later events are dropped. Idempotent.
 void trace_finish();
-// Blocks SIGINT, SIGTERM and SIGHUP in the calling thread (so in every thread it starts later)
-// and starts a thread that, on one of them, finishes the trace and ends the process by it.
-// Call before any other thread starts.
-void trace_finish_on_signals();
 
 }  // namespace atcmd_tools
 

@@ -68,19 +68,26 @@ static_assert(rows_in_message_id_order(), "kRows (the tools' message table): row
 struct ErrorName {
     int32_t code;
     const char *name;
+    const char *meaning;
 };
 
-// Negative error numbers the module sends with msg_id ERROR.
+// Negative error numbers the module sends with msg_id ERROR; any other value is the accessory's.
 constexpr ErrorName kErrorNames[] = {
-    {-ETIMEDOUT, "ETIMEDOUT (no answer after " ATCMD_STR(ATCMD_MAX_RESENDS) " resends)"},
-    {-ENXIO, "ENXIO (serial line does not work)"},
+    {-ETIMEDOUT, "ETIMEDOUT", "no answer after " ATCMD_STR(ATCMD_MAX_RESENDS) " resends"},
+    {-ENXIO, "ENXIO", "serial line does not work"},
 };
+
+const ErrorName &error_name(int32_t code) {
+    static constexpr ErrorName kCode = {0, "accessory error code", ""}, kValue = {0, "accessory error value", ""};
+    for (const ErrorName &e : kErrorNames) {
+        if (e.code == code) return e;
+    }
+    return code < 0 ? kCode : kValue;
+}
 
 std::string error_text(int32_t code) {
-    for (const ErrorName &e : kErrorNames) {
-        if (e.code == code) return e.name;
-    }
-    return code < 0 ? "accessory error code" : "accessory error value";
+    const ErrorName &e = error_name(code);
+    return e.meaning[0] != '\0' ? std::string(e.name) + " (" + e.meaning + ")" : e.name;
 }
 
 std::string ints_text(const std::vector<int32_t> &ints) {
@@ -196,8 +203,14 @@ std::string message_json(const DecodedMessage &m) {
         }
         value += "]";
     }
+    std::string error;  // an ERROR's number by name
+    if (m.msg_id == AT_MSG_ERROR && m.ints.size() == 1) {
+        const ErrorName &e = error_name(m.ints[0]);
+        error = ",\"error\":{\"number\":" + std::to_string(m.ints[0]) + ",\"name\":\"" + e.name +
+                "\",\"meaning\":\"" + e.meaning + "\"}";
+    }
     return "{\"event\":\"message\",\"msg_id\":" + std::to_string(m.msg_id) + ",\"name\":\"" +
-           m.name + "\",\"seq_num\":" + std::to_string(m.seq_num) + ",\"value\":" + value + "}";
+           m.name + "\",\"seq_num\":" + std::to_string(m.seq_num) + ",\"value\":" + value + error + "}";
 }
 
 }  // namespace atcmd_tools

@@ -28,8 +28,10 @@ void drain_pipe(int read_end);
 // The path as written, under the sandbox root; "" when it does not fit.
 std::string rooted(const std::string &as_written);
 
-// The roles a process can claim in a sandbox: one accessory and one daemon per sandbox (a
-// second of either would take over the first one's port or split its FIFO lines).
+// The roles a process can claim in a sandbox: one console (the module's host), one accessory and
+// one daemon per sandbox (a second of any would take over the first one's port, split its FIFO
+// lines or race it for the port).
+constexpr const char kConsoleRole[] = "console";
 constexpr const char kAccessoryRole[] = "accessory";
 constexpr const char kDaemonRole[] = "daemon";
 

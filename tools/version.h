@@ -1,0 +1,10 @@
+/*
+ * The tools' version, as --version prints it: one number for the console and the simulators,
+ * which are built and shipped together with the module.
+ */
+#ifndef ATCMD_TOOLS_VERSION_H
+#define ATCMD_TOOLS_VERSION_H
+
+#define ATCMD_TOOLS_VERSION "1.0.0"
+
+#endif  // ATCMD_TOOLS_VERSION_H
