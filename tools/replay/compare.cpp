@@ -78,6 +78,25 @@ std::string explain(const World &w, const std::string &key) {
     return "";
 }
 
+constexpr int64_t kRaceUs = 1000;  // an upper-layer call this soon after a callback raced the module
+
+// A call of the upper layer that followed a callback by less than the scheduler's grain, before
+// the divergence: the module's own threads raced it, and the phone's winner is not the desk's.
+std::string race_before(const World &w, size_t line) {
+    const Input *race = nullptr;
+    for (const Input &in : w.inputs) {
+        if (in.line > line) break;
+        const bool call = in.kind == InputKind::WifiInit || in.kind == InputKind::WifiDown ||
+                          in.kind == InputKind::Request || in.kind == InputKind::Handshake;
+        if (call && in.anchor >= 0 && in.time_us - w.expected[static_cast<size_t>(in.anchor)].time_us < kRaceUs) race = &in;
+    }
+    if (race == nullptr) return "";
+    const Output &cb = w.expected[static_cast<size_t>(race->anchor)];
+    return "the upper layer's call at log line " + std::to_string(race->line) + " came " +
+           std::to_string(race->time_us - cb.time_us) + " us after what it answered (log line " + std::to_string(cb.line) +
+           "), racing the module's own threads; the phone's winner need not be the desk's";
+}
+
 }  // namespace
 
 Divergence first_divergence(const World &world, const DeskRun &desk) {
@@ -129,6 +148,7 @@ Divergence first_divergence(const World &world, const DeskRun &desk) {
             }
         }
         d.explained = explain(world, want.key);
+        if (d.explained.empty()) d.explained = race_before(world, d.log_line);
         return d;
     }
     const Output &got = desk.outputs[extra];
@@ -136,6 +156,7 @@ Divergence first_divergence(const World &world, const DeskRun &desk) {
     d.log_side = "nothing like it after this line";
     d.desk_side = kind_name(got.kind) + std::string(": ") + got.key;
     d.explained = explain(world, got.key);
+    if (d.explained.empty()) d.explained = race_before(world, d.log_line);
     return d;
 }
 

@@ -136,6 +136,7 @@ struct Play {
     DeskLog log;
     std::vector<Clock::time_point> matched_at;  // per expected output
     Clock::time_point last_output = Clock::now();
+    std::thread relay;  // the last daemon report relayed
 };
 
 void take_entries(Play *p, const ParsedLog &parsed) {
@@ -175,8 +176,9 @@ bool wait_for(Play *p, Clock::time_point deadline, Done done) {
     for (;;) {
         poll_desk(p);
         if (done()) return true;
-        if (Clock::now() >= deadline) return false;
-        std::this_thread::sleep_for(Ms(kPollMs));
+        const Clock::time_point now = Clock::now();
+        if (now >= deadline) return false;
+        std::this_thread::sleep_until(std::min(deadline, now + Ms(kPollMs)));
     }
 }
 
@@ -230,7 +232,11 @@ void act(const Input &in, AccSim *acc, DaemonSim *daemon, Play *p, int patience_
             p->desk->notes.push_back(at + "the daemon simulator had not started; status relayed all the same");
         }
         if (s.tracing) timeline_daemon_status(in.text);
-        s.dev->atcmdprocess_hiddemon_stchange(in.text.c_str());
+        // On the phone the daemon's reports reach the module on a thread of their own, which
+        // the module holds a while (a start waits for the link); the upper layer's other calls
+        // go on meanwhile, so the relay here has its own thread too.
+        if (p->relay.joinable()) p->relay.join();
+        p->relay = std::thread([status = in.text] { s.dev->atcmdprocess_hiddemon_stchange(status.c_str()); });
         break;
     case InputKind::Request: send_request(in, p); break;
     case InputKind::Handshake: s.dev->atcmdprocess_amlogic_shake_hands(); break;
@@ -298,13 +304,18 @@ void play_inputs(const World &w, const PlayOptions &o, AccSim *acc, DaemonSim *d
             const size_t a = static_cast<size_t>(in.anchor);
             Clock::time_point when;
             if (wait_anchor(w, in, o.patience_ms, acc, p, &when)) {
-                target = std::max(target, after(when, in.time_us - w.expected[a].time_us, o.speed));
+                // The nearer cause sets the pace: an output after the previous input counts
+                // from when it came on the desk.
+                const Clock::time_point from_anchor = after(when, in.time_us - w.expected[a].time_us, o.speed);
+                target = w.expected[a].time_us >= prev_log ? from_anchor : std::max(target, from_anchor);
             } else {
                 p->desk->notes.push_back("log line " + std::to_string(in.line) + ": played without the output of log line " +
                                          std::to_string(w.expected[a].line) + " that came before it on the phone");
             }
         }
-        if (target > Clock::now()) wait_for(p, target, [] { return false; });
+        // A short gap is slept whole: reading the desk's log would make the input late.
+        if (target > Clock::now() + Ms(kPollMs)) wait_for(p, target - Ms(kPollMs), [] { return false; });
+        std::this_thread::sleep_until(target);
         // The gap to the next input counts from this one's start: some calls block a while.
         prev_desk = Clock::now();
         act(in, acc, daemon, p, o.patience_ms);
@@ -361,6 +372,7 @@ void play_world(const World &world, const PlayOptions &options, DeskRun *desk) {
     p.matched_at.assign(world.expected.size(), Clock::now());
     play_inputs(world, options, acc, daemon, &p);
     settle(&p, options.patience_ms);
+    if (p.relay.joinable()) p.relay.join();
     matcher_destroy(p.matcher);
     if (s.tracing) trace_finish();
     // The module and the simulators stay up: closing the module ends the process by signal,

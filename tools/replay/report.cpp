@@ -67,7 +67,7 @@ std::string describe_result(const World &w, const DeskRun &desk, const Divergenc
         out += "first divergence at log line " + std::to_string(d.log_line) + "\n";
         out += "  the log:  " + printable(d.log_side) + "\n";
         out += "  the desk: " + printable(d.desk_side) + "\n";
-        if (!d.explained.empty()) out += "  may be explained by an input the log does not hold: " + d.explained + "\n";
+        if (!d.explained.empty()) out += "  may be explained by what the log does not hold: " + d.explained + "\n";
         return out;
     }
     int counts[5] = {};
