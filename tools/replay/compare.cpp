@@ -28,9 +28,35 @@ Matcher *matcher_create(const std::vector<Output> &expected) {
 
 void matcher_destroy(Matcher *m) { delete m; }
 
-int matcher_add(Matcher *m, const Output &desk) {
+namespace {
+
+// The part of a key that says what kind of thing it is: "sent", "TYPE_parser".
+std::string head_of(const std::string &key) { return key.substr(0, key.find(':')); }
+
+// A desk output nothing waits for takes the place of the earliest waiting output of its kind
+// (the same value differs): that one is then no longer waited for.
+void pair_off(Matcher *m, const std::string &key, int limit) {
+    const std::string head = head_of(key);
+    int best = -1;
+    std::deque<int> *from = nullptr;
+    for (auto &w : m->waiting) {
+        if (w.second.empty() || head_of(w.first) != head || w.second.front() > limit) continue;
+        if (best < 0 || w.second.front() < best) {
+            best = w.second.front();
+            from = &w.second;
+        }
+    }
+    if (from != nullptr) from->pop_front();
+}
+
+}  // namespace
+
+int matcher_add(Matcher *m, const Output &desk, int limit) {
     auto it = m->waiting.find(desk.key);
-    if (it == m->waiting.end() || it->second.empty()) return -1;
+    if (it == m->waiting.end() || it->second.empty() || it->second.front() > limit) {
+        pair_off(m, desk.key, limit);
+        return -1;
+    }
     const int index = it->second.front();
     it->second.pop_front();
     m->done[static_cast<size_t>(index)] = true;
@@ -56,9 +82,6 @@ const char *kind_name(OutputKind k) {
     }
     return "";
 }
-
-// The part of a key that says what kind of thing it is: "sent", "TYPE_parser".
-std::string head_of(const std::string &key) { return key.substr(0, key.find(':')); }
 
 // What the log does not hold that could account for a difference in this output.
 std::string explain(const World &w, const std::string &key) {
@@ -135,7 +158,9 @@ Divergence first_divergence(const World &world, const DeskRun &desk) {
     const bool have_extra = extra < desk.outputs.size();
     if (!have_missing && !have_extra) return d;
     d.found = true;
-    if (have_missing && (!have_extra || world.expected[missing].line <= extra_after_line + 1)) {
+    // A missing output and an extra one of the same kind are the two sides of one difference.
+    const bool pair = have_missing && have_extra && head_of(world.expected[missing].key) == head_of(desk.outputs[extra].key);
+    if (have_missing && (!have_extra || pair || world.expected[missing].line <= extra_after_line + 1)) {
         const Output &want = world.expected[missing];
         d.log_line = want.line;
         d.log_side = kind_name(want.kind) + std::string(": ") + want.key;
@@ -148,7 +173,7 @@ Divergence first_divergence(const World &world, const DeskRun &desk) {
             }
         }
         d.explained = explain(world, want.key);
-        if (d.explained.empty()) d.explained = race_before(world, d.log_line);
+        if (d.explained.empty() && !pair) d.explained = race_before(world, d.log_line);
         return d;
     }
     const Output &got = desk.outputs[extra];

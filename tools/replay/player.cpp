@@ -44,6 +44,7 @@ constexpr int kSettleMs = 3000;  // after the last input: this long without a ne
 constexpr int kGraceMs = 300;    // after the last expected output: room for one the phone had not
 constexpr const char kHeartbeat[] = "heartbeat:";
 constexpr const char kSentCmd[] = "cmd is ";
+constexpr size_t kLookahead = 3;  // inputs
 
 // What the simulators' threads and the callback read.
 struct Shared {
@@ -137,6 +138,7 @@ struct Play {
     std::vector<Clock::time_point> matched_at;  // per expected output
     Clock::time_point last_output = Clock::now();
     std::thread relay;  // the last daemon report relayed
+    int limit = -1;     // the last expected output that the inputs played so far may cause
 };
 
 void take_entries(Play *p, const ParsedLog &parsed) {
@@ -145,7 +147,7 @@ void take_entries(Play *p, const ParsedLog &parsed) {
         if (!output_of(e, &o)) continue;
         p->desk->outputs.push_back(o);
         p->last_output = Clock::now();
-        const int index = matcher_add(p->matcher, o);
+        const int index = matcher_add(p->matcher, o, p->limit);
         if (index < 0) continue;
         p->desk->matched_by[static_cast<size_t>(index)] = static_cast<int>(p->desk->outputs.size()) - 1;
         p->matched_at[static_cast<size_t>(index)] = Clock::now();
@@ -298,7 +300,11 @@ bool wait_anchor(const World &w, const Input &in, int patience_ms, AccSim *acc, 
 void play_inputs(const World &w, const PlayOptions &o, AccSim *acc, DaemonSim *daemon, Play *p) {
     Clock::time_point prev_desk = Clock::now();
     int64_t prev_log = w.origin_us;
-    for (const Input &in : w.inputs) {
+    for (size_t k = 0; k < w.inputs.size(); ++k) {
+        const Input &in = w.inputs[k];
+        // The module's threads may run a little ahead of the phone's interleaving: outputs are
+        // matched up to a few inputs ahead.
+        p->limit = std::max(p->limit, w.inputs[std::min(k + kLookahead, w.inputs.size() - 1)].anchor);
         Clock::time_point target = after(prev_desk, in.time_us - prev_log, o.speed);
         if (in.anchor >= 0) {
             const size_t a = static_cast<size_t>(in.anchor);
@@ -326,6 +332,7 @@ void play_inputs(const World &w, const PlayOptions &o, AccSim *acc, DaemonSim *d
 // After the last input: until every expected output came (and a little more), or the module
 // has been quiet for a while.
 void settle(Play *p, int patience_ms) {
+    p->limit = static_cast<int>(p->world->expected.size()) - 1;
     const Clock::time_point deadline = Clock::now() + Ms(patience_ms);
     p->last_output = Clock::now();
     wait_for(p, deadline, [p] {
