@@ -48,6 +48,12 @@ int atcmdprocess_cmd_from_hidl(const AtCmder_t *cmd) {
         ATCMD_LOG(0, "atcmdprocess_cmd_from_hidl got an empty line, dropped\n");
         return 0;
     }
+    // The upper layer's request as it came, so that a log read later holds every input.
+    ATCMD_LOG(3,
+              "atcmdprocess_cmd_from_hidl type is %u, dest is %u, flag is %u, cmd_id is %u, "
+              "seq num is %u, data is %s",
+              cmd->type, cmd->dest, cmd->flag, cmd->cmd_id, cmd->seq_num,
+              cmd->data != nullptr ? cmd->data : "(null)");
     // The enqueue logs its own refusals (NULL or over-long text); the upper layer gets 0.
     atcmder_send_to_tx(cmd);
     return 0;

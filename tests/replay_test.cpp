@@ -1,0 +1,113 @@
+// The replay's log reader and comparer on logs as they come back from the field: damaged files
+// (cut off, not text, another writer's lines, a clock that jumps), several runs in one file,
+// and a value that differs on the desk.
+#include <stdlib.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include "replay/replay.h"
+
+using namespace atcmd_tools;
+
+namespace {
+
+constexpr const char kOpen[] = "[100.1][tid:7]atcmder_hal_open:49: func is atcmder_hal_open.";
+constexpr const char kAnswer[] =
+    "[100.2000][tid:9]atcmder_VuartRx_thread:39: Vuart receive data length is 20, receive data is +TYPE=KV4410C#15&1\r\n";
+constexpr const char kParsed[] =
+    "[100.2100][tid:8]TYPE_parser:289: TYPE_parser source is 3, idx is 15 data is +TYPE=KV4410C#15&1\r\n, type is KV4410C";
+
+ParsedLog parse(const std::string &text) {
+    ParsedLog log;
+    split_log(text, 1, true, &log);
+    return log;
+}
+
+bool noted(const ParsedLog &log, const std::string &words) {
+    for (const LogNote &n : log.notes) {
+        if (n.text.find(words) != std::string::npos) return true;
+    }
+    return false;
+}
+
+}  // namespace
+
+TEST(ReplayLog, DamagedLogsAreReportedAndSkipped) {
+    struct Case {
+        const char *name;
+        std::string text;
+        const char *note;   // words of the note the reader must give
+        size_t chunk_bytes; // the received chunk kept (0: none)
+    };
+    const std::string cut = std::string(kOpen) + "[100.2][tid:9]atcmder_VuartRx_thread:39: Vuart receive data length is 20, receive data is +TYPE=KV4";
+    const Case cases[] = {
+        {"cut off mid-message", cut, "cut off", 0},
+        {"another writer's line after a chunk", std::string(kOpen) + kAnswer + "I/other: hello\n", "not the module's", 20},
+        {"not text before the first message", std::string("\x01\xff\xfe junk") + kOpen + kAnswer, "before the first message", 20},
+        {"binary bytes inside a chunk", std::string(kOpen) + "[100.3][tid:9]atcmder_VuartRx_thread:39: Vuart receive data length is 6, receive data is \x01\xfe[\x80\r\n", "", 6},
+    };
+    for (const Case &c : cases) {
+        const ParsedLog log = parse(c.text);
+        if (c.note[0] != '\0') {
+            EXPECT_TRUE(noted(log, c.note)) << c.name;
+        }
+        ASSERT_GE(log.entries.size(), 2u) << c.name;
+        const std::string &chunk = log.entries[1].text;
+        if (c.chunk_bytes == 0) {
+            EXPECT_TRUE(chunk.empty()) << c.name;
+        } else {
+            EXPECT_EQ(chunk.size() - chunk.find(", receive data is ") - 18, c.chunk_bytes) << c.name;
+        }
+    }
+}
+
+TEST(ReplayLog, RunTogetherMessagesRunsAndClockJumps) {
+    char path[] = "/tmp/replay-test-XXXXXX";
+    const int fd = mkstemp(path);
+    ASSERT_GE(fd, 0);
+    // Two starts of the module, messages without line ends, and a clock set back an hour.
+    const std::string text = std::string(kOpen) + kAnswer + kOpen + "[96.5][tid:9]set_notify_callback:23: set_notify_callback" + kAnswer;
+    ASSERT_EQ(write(fd, text.data(), text.size()), static_cast<ssize_t>(text.size()));
+    close(fd);
+    ParsedLog log;
+    std::string error;
+    ASSERT_TRUE(read_log(path, &log, &error)) << error;
+    unlink(path);
+    EXPECT_EQ(log.runs.size(), 2u);
+    EXPECT_EQ(log.entries.size(), 5u);
+    EXPECT_TRUE(noted(log, "clock jumps"));
+    for (size_t i = 1; i < log.entries.size(); ++i) EXPECT_GE(log.entries[i].time_us, log.entries[i - 1].time_us);
+}
+
+TEST(ReplayLog, WorldHoldsInputsAnchoredOnWhatCameBefore) {
+    const std::string text = std::string(kOpen) + "[100.1500][tid:5]atcmder_Tx_thread:161: atcmder_Tx_thread send cmd success,dest is 3, mode is 0, cmd is AT+TYPE?#15&1\r\n" + kAnswer + kParsed;
+    ParsedLog log = parse(text);
+    log.runs.push_back({0, log.entries.size()});
+    const World w = rebuild_world(log, log.runs[0]);
+    ASSERT_EQ(w.inputs.size(), 1u);
+    EXPECT_EQ(w.inputs[0].kind, InputKind::UsbBytes);
+    EXPECT_EQ(w.inputs[0].text, "+TYPE=KV4410C#15&1\r\n");
+    ASSERT_EQ(w.inputs[0].anchor, 0);
+    EXPECT_EQ(w.expected[0].key, "sent: dest is 3, mode is 0, cmd is AT+TYPE?#15&1");
+    EXPECT_LT(w.level_seen, kReplayLevel);  // nothing at level 4: too low to replay
+}
+
+TEST(ReplayCompare, AValueThatDiffersIsTheFirstDivergenceOnItsLine) {
+    ParsedLog log = parse(std::string(kOpen) + kAnswer + kParsed);
+    log.runs.push_back({0, log.entries.size()});
+    const World w = rebuild_world(log, log.runs[0]);
+    ASSERT_EQ(w.expected.size(), 1u);
+    Output desk = w.expected[0];
+    desk.key.replace(desk.key.rfind("KV4410C"), 7, "KV9999X");
+    DeskRun run;
+    run.outputs = {desk};
+    Matcher *m = matcher_create(w.expected);
+    run.matched_by = {matcher_add(m, desk, 0)};
+    matcher_destroy(m);
+    const Divergence d = first_divergence(w, run);
+    ASSERT_TRUE(d.found);
+    EXPECT_EQ(d.log_line, w.expected[0].line);
+    EXPECT_NE(d.log_side.find("KV4410C"), std::string::npos);
+    EXPECT_NE(d.desk_side.find("KV9999X"), std::string::npos);
+}

@@ -1,0 +1,154 @@
+/*
+ * atcmd_replay: a log written by the module, replayed against the module on the desk and
+ * compared, or drawn as a trace. Main thread: options, the sandbox, the report.
+ */
+#include <fcntl.h>
+#include <getopt.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <unistd.h>
+
+#include <string>
+
+#include "replay/replay.h"
+#include "sim/sim_util.h"
+
+using namespace atcmd_tools;
+
+namespace {
+
+constexpr int kSame = 0;
+constexpr int kDiverged = 1;
+constexpr int kCannot = 2;
+
+void usage(FILE *out) {
+    fprintf(out,
+            "usage: atcmd_replay [options] LOG\n"
+            "Reads a log the module wrote (the phone's %s/%s), rebuilds what the world did to\n"
+            "the module (plugs, each channel's bytes, the upper layer's calls, the daemon's reports)\n"
+            "and plays it against the module in a sandbox through the simulators; then compares\n"
+            "what the module did on the desk with what the log says it did on the phone and prints\n"
+            "\"no divergence\" with counts, or the first divergence with the log's line and both\n"
+            "sides. Exit status 0, 1 on a divergence, 2 when the log cannot be replayed.\n\n"
+            "options:\n"
+            "  --list           list the runs the file holds (it is appended to across restarts)\n"
+            "  --run N          replay run N (default: the last)\n"
+            "  --speed X        play X times faster than the phone did (default 1); the module's\n"
+            "                   own timers keep their pace\n"
+            "  --trace FILE     write a timeline of the replay (JSON Trace Event Format)\n"
+            "  --to-trace FILE  write a timeline of the run with the phone's own times; no replay\n"
+            "  --module FILE    the module file (default: the console's search path)\n"
+            "  --patience MS    how long an input waits for the output it followed (default 15000)\n"
+            "  --help           this text\n\n"
+            "The sandbox is $ATCMD_ROOT, or a fresh directory under /tmp that is left in place.\n",
+            "/sdcard/quorvanta/.log", "atcmdprocess");
+}
+
+// The module prints each log line on standard output and error too; the report keeps a copy
+// of standard output and those prints go to /dev/null.
+FILE *own_output() {
+    const int keep = fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 3);
+    const int null_fd = open("/dev/null", O_WRONLY | O_CLOEXEC);
+    FILE *out = keep >= 0 && null_fd >= 0 ? fdopen(keep, "w") : nullptr;
+    if (out == nullptr) return stdout;
+    fflush(stdout);
+    dup2(null_fd, STDOUT_FILENO);
+    dup2(null_fd, STDERR_FILENO);
+    close(null_fd);
+    return out;
+}
+
+bool sandbox(std::string *root) {
+    const char *set = getenv("ATCMD_ROOT");
+    if (set == nullptr || set[0] == '\0') {
+        char tmpl[] = "/tmp/atcmd-replay-XXXXXX";
+        if (mkdtemp(tmpl) == nullptr) return false;
+        setenv("ATCMD_ROOT", tmpl, 1);
+    }
+    *root = getenv("ATCMD_ROOT");
+    return true;
+}
+
+}  // namespace
+
+int main(int argc, char **argv) {
+    static const struct option kOptions[] = {
+        {"list", no_argument, nullptr, 'l'},         {"run", required_argument, nullptr, 'r'},
+        {"speed", required_argument, nullptr, 's'},  {"trace", required_argument, nullptr, 't'},
+        {"to-trace", required_argument, nullptr, 'T'}, {"module", required_argument, nullptr, 'm'},
+        {"patience", required_argument, nullptr, 'p'}, {"help", no_argument, nullptr, 'h'},
+        {nullptr, 0, nullptr, 0},
+    };
+    PlayOptions options;
+    bool list = false;
+    long run = 0;
+    std::string to_trace;
+    for (int c; (c = getopt_long(argc, argv, "h", kOptions, nullptr)) != -1;) {
+        switch (c) {
+        case 'l': list = true; break;
+        case 'r': run = strtol(optarg, nullptr, 10); break;
+        case 's': options.speed = strtod(optarg, nullptr); break;
+        case 't': options.trace = optarg; break;
+        case 'T': to_trace = optarg; break;
+        case 'm': options.module = optarg; break;
+        case 'p': options.patience_ms = atoi(optarg); break;
+        case 'h': usage(stdout); return kSame;
+        default: usage(stderr); return kCannot;
+        }
+    }
+    if (optind + 1 != argc || !(options.speed > 0) || options.patience_ms <= 0) {
+        fprintf(stderr, "atcmd_replay: needs one LOG, a --speed above 0 and a --patience above 0\n");
+        usage(stderr);
+        return kCannot;
+    }
+    ParsedLog log;
+    std::string error;
+    if (!read_log(argv[optind], &log, &error)) {
+        fprintf(stderr, "atcmd_replay: %s\n", error.c_str());
+        return kCannot;
+    }
+    printf("%s", describe_runs(log).c_str());
+    if (list) return kSame;
+    const size_t index = run == 0 ? log.runs.size() - 1 : static_cast<size_t>(run - 1);
+    if (run < 0 || index >= log.runs.size()) {
+        fprintf(stderr, "atcmd_replay: no run %ld; the file holds %zu\n", run, log.runs.size());
+        return kCannot;
+    }
+    if (!to_trace.empty()) {
+        if (!log_to_trace(log, log.runs[index], to_trace, &error)) {
+            fprintf(stderr, "atcmd_replay: %s\n", error.c_str());
+            return kCannot;
+        }
+        printf("trace of run %zu (the phone's times): %s\n", index + 1, to_trace.c_str());
+        return kSame;
+    }
+    const World world = rebuild_world(log, log.runs[index]);
+    printf("%s", describe_world(log, index, world).c_str());
+    if (world.level_seen < kReplayLevel) {
+        printf("run %zu was logged at level %d or lower: a replay needs log level %d (ports coming and going and the "
+               "lines written to the port are logged at %d)\n",
+               index + 1, world.level_seen < 0 ? 0 : world.level_seen, kReplayLevel, kReplayLevel);
+        return kCannot;
+    }
+    std::string root;
+    if (!sandbox(&root)) {
+        perror("atcmd_replay: sandbox");
+        return kCannot;
+    }
+    printf("sandbox: %s (the desk's log: %s)\n", root.c_str(), rooted("/sdcard/quorvanta/.log/atcmdprocess").c_str());
+    fflush(stdout);
+    FILE *out = own_output();
+    DeskRun desk;
+    play_world(world, options, &desk);
+    if (!desk.started) {
+        fprintf(out, "%satcmd_replay: the module did not start\n", describe_result(world, desk, Divergence{}).c_str());
+        fflush(out);
+        _exit(kCannot);
+    }
+    const Divergence d = first_divergence(world, desk);
+    fprintf(out, "%s", describe_result(world, desk, d).c_str());
+    if (!options.trace.empty()) fprintf(out, "trace of the replay: %s\n", options.trace.c_str());
+    fflush(out);
+    // The module's threads run on; closing it would end the process by signal.
+    _exit(d.found ? kDiverged : kSame);
+}
