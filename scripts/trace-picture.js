@@ -90,7 +90,8 @@ function zoom() {
   const before = links.length ? links[links.length - 1] : null;
   const from = before ? before.ts : Math.max(0, focus.ts - focus.dur / 2);
   const to = Math.min(end, focus.ts + focus.dur + (focus.ts + focus.dur - from) / 10);
-  const outcome = focus.args && focus.args.resends ? `, resent ${focus.args.resends} times` : '';
+  const resends = focus.args && focus.args.resends;
+  const outcome = resends ? `, resent ${resends === 1 ? 'once' : `${resends} times`}` : '';
   return { from, to, what: `${before ? before.name + ' to ' : ''}${focus.name}${outcome}` };
 }
 

@@ -7,7 +7,8 @@
 #   scripts/trace-picture.sh --demo [OUT.png]    runs the demonstration with --trace first;
 #                                                OUT defaults to a fresh directory under /tmp
 #
-# It writes OUT and nothing else; the README's picture is remade only when asked:
+# It writes OUT and nothing else; the picture shown in README.md and docs/traces.md is remade
+# only when asked:
 #   scripts/trace-picture.sh --demo docs/demo-trace.png
 set -euo pipefail
 
