@@ -193,7 +193,7 @@ private:
         make_dirs(dir);
         write_text_file(dir + "/uevent", kCorvelUevent);
         unlink(link.c_str());
-        symlink(to.c_str(), link.c_str());
+        ASSERT_EQ(0, symlink(to.c_str(), link.c_str())) << strerror(errno);
     }
 
     // The plugged accessory whose port the module holds, by the device its descriptor is on.
