@@ -15,6 +15,7 @@
 
 #include "device/device.h"
 #include "device/link_words.h"
+#include "device/sys_io.h"
 #include "engine/engine.h"
 #include "log/atcmd_log.h"
 #include "serial/serial.h"
@@ -61,10 +62,7 @@ uint32_t send_vuart(const char *text) { return send_wired(kVuart, text); }
 bool write_fifo(const char *text) {
     const size_t len = strlen(text);
     const int32_t fd = link_load(g_fifo_tx_fd);
-    ssize_t n;
-    do {
-        n = write(fd, text, len);
-    } while (n < 0 && errno == EINTR);
+    const ssize_t n = retry_eintr([&] { return write(fd, text, len); });
     return n == static_cast<ssize_t>(len);
 }
 

@@ -23,6 +23,7 @@
 
 #include "device/device.h"
 #include "device/link_words.h"
+#include "device/sys_io.h"
 #include "hotplug/hotplug.h"
 #include "hotplug/hotplug_internal.h"
 #include "log/atcmd_log.h"
@@ -50,11 +51,6 @@ constexpr size_t kEventBufSize = 4096;
 constexpr int kHotplugEpollFailed = -6;
 constexpr int kHotplugInotifyFailed = -22;
 constexpr int kHotplugThreadFailed = -4;
-
-void close_and_clear(int *fd) {
-    if (*fd != -1) close(*fd);
-    *fd = -1;
-}
 
 // The plug signal for port `n`: its number is recorded first so the supervisor opens it.
 void announce_plug(int32_t n) {
@@ -166,10 +162,8 @@ int inotify_input_event(void) {
 
 int dev_event_process(void) {
     alignas(struct inotify_event) char buf[kEventBufSize];
-    ssize_t n;
-    do {
-        n = read(link_load(fd_inotify_input), buf, sizeof buf);
-    } while (n < 0 && errno == EINTR);
+    const int fd = link_load(fd_inotify_input);
+    const ssize_t n = retry_eintr([&] { return read(fd, buf, sizeof buf); });
     if (n < 0) {
         const int err = errno;
         ATCMD_LOG(0, "read, errno:%d, errstr:%s", err, strerror(err));
@@ -205,41 +199,39 @@ void *handler_acm_devs_epoll(void * /*arg*/) {
 
 int dev_hotplug_init(void) {
     scan_acm_devices();  // ports present at start are announced before the watch exists
-    int epfd = epoll_create1(EPOLL_CLOEXEC);
-    if (epfd < 0) {
+    UniqueFd epfd(epoll_create1(EPOLL_CLOEXEC));
+    if (epfd.get() < 0) {
         const int err = errno;
         ATCMD_LOG(0, "Create epoll instance, errno:%d, errstr:%s\n", err, strerror(err));
         return kHotplugEpollFailed;
     }
-    int ifd = inotify_input_event();
-    if (ifd == -1) {
+    UniqueFd ifd(inotify_input_event());
+    if (ifd.get() == -1) {
         ATCMD_LOG(0, "inotify_input_event\n");
-        close_and_clear(&epfd);
         return kHotplugInotifyFailed;
     }
     // An input-device grab on an inotify descriptor has no effect; it has always been issued.
-    (void)ioctl(ifd, EVIOCGRAB, 0);
+    (void)ioctl(ifd.get(), EVIOCGRAB, 0);
     struct epoll_event ev = {};
     ev.events = EPOLLIN | EPOLLET;
-    ev.data.fd = ifd;
-    if (epoll_ctl(epfd, EPOLL_CTL_ADD, ifd, &ev) != 0) {
+    ev.data.fd = ifd.get();
+    if (epoll_ctl(epfd.get(), EPOLL_CTL_ADD, ifd.get(), &ev) != 0) {
         const int err = errno;
         ATCMD_LOG(0, "Set epoll_ctl, errno:%d, errstr:%s\n", err, strerror(err));
-        close_and_clear(&ifd);
-        close_and_clear(&epfd);
         return kHotplugEpollFailed;
     }
-    link_store(epfd_hid_devs, epfd);
-    link_store(fd_inotify_input, ifd);
+    link_store(epfd_hid_devs, epfd.get());
+    link_store(fd_inotify_input, ifd.get());
     pthread_t thread;
     if (pthread_create(&thread, nullptr, handler_acm_devs_epoll, nullptr) != 0) {
         ATCMD_LOG(0, "pthread_create error\n");
         link_store(fd_inotify_input, -1);
         link_store(epfd_hid_devs, -1);
-        close_and_clear(&ifd);
-        close_and_clear(&epfd);
         return kHotplugThreadFailed;
     }
+    // The thread and the globals own them from here on.
+    epfd.release();
+    ifd.release();
     link_store(g_find_acmdev_thread, thread);
     return 0;
 }

@@ -11,6 +11,7 @@
 #include <string.h>
 #include <unistd.h>
 
+#include "device/sys_io.h"
 #include "hotplug/hotplug.h"
 #include "hotplug/hotplug_internal.h"
 #include "log/atcmd_log.h"
@@ -37,16 +38,12 @@ bool uevent_path(const char *name, char *out, size_t size) {
 
 // Reads at most size - 1 bytes once; the text is always terminated. False when nothing opened.
 bool read_uevent(const char *as_written, char *text, size_t size) {
-    const int fd = atcmd_open_rooted(as_written, O_RDONLY | O_CLOEXEC);
-    if (fd < 0) {
+    const UniqueFd fd(atcmd_open_rooted(as_written, O_RDONLY | O_CLOEXEC));
+    if (fd.get() < 0) {
         ATCMD_LOG_AS("corvel_plugged", LOG_TAG, 0, "open node fail.");
         return false;
     }
-    ssize_t n;
-    do {
-        n = read(fd, text, size - 1);
-    } while (n < 0 && errno == EINTR);
-    close(fd);
+    const ssize_t n = retry_eintr([&] { return read(fd.get(), text, size - 1); });
     if (n < 0) {
         ATCMD_LOG_AS("corvel_plugged", LOG_TAG, 0, "read of %s failed: %s", as_written,
                      strerror(errno));

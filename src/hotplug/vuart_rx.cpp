@@ -14,6 +14,7 @@
 
 #include "device/device.h"
 #include "device/link_words.h"
+#include "device/sys_io.h"
 #include "engine/engine.h"
 #include "hotplug/hotplug.h"
 #include "log/atcmd_log.h"
@@ -106,18 +107,18 @@ void *atcmder_VuartRx_thread(void * /*arg*/) {
     // re-plug or a switch to another port is picked up by this thread. It reads its own copy of
     // the descriptor, taken anew whenever the port held changes.
     struct VuartSeen seen = {0, -1};
-    int32_t fd = -1;
+    UniqueFd fd;
     for (;;) {
-        if (fd == -1 || vuart_held_changed(&seen)) {
-            if (fd != -1) close(fd);
-            fd = vuart_copy(&seen);
-            if (fd == -1) break;
+        if (fd.get() == -1 || vuart_held_changed(&seen)) {
+            fd.reset();  // the old copy is closed before the new one is taken, as always
+            fd.reset(vuart_copy(&seen));
+            if (fd.get() == -1) break;
         }
-        if (!port_ready(fd)) continue;
-        const int n = VUART_Recv(fd, rx.data + rx.fill, at_rx_room(&rx), kNoWait);
+        if (!port_ready(fd.get())) continue;
+        const int n = VUART_Recv(fd.get(), rx.data + rx.fill, at_rx_room(&rx), kNoWait);
         if (n < 1) {
             if (port_may_return(&seen)) continue;  // what was held of a line is kept
-            close(fd);
+            fd.reset();
             return disappear_exit();
         }
         at_rx_frame(&rx, static_cast<size_t>(n), deliver, too_long, &line);

@@ -17,6 +17,7 @@
 #include <unistd.h>
 
 #include "device/link_words.h"
+#include "device/sys_io.h"
 #include "log/atcmd_log.h"
 #include "platform/root_path.h"
 #include "serial/serial.h"
@@ -87,6 +88,7 @@ int open_port(const char *as_written) { return atcmd_open_rooted(as_written, kPo
 // Steps after a successful open: blocking mode, terminal check, line setting. On failure the
 // descriptor is closed but the caller's copy keeps its number, as callers expect.
 int configure_port(const Channel &ch, const char *as_written, int32_t fd) {
+    UniqueFd owned(fd);  // closed on every failure; given back to the caller on success
     // fcntl runs once more for each sink that prints the line; it is idempotent.
     if (fcntl(fd, F_SETFL, 0) < 0) {
         ATCMD_LOG_AS(ch.init_name, ch.tag, 4, "serial fcntl failed!");
@@ -95,7 +97,6 @@ int configure_port(const Channel &ch, const char *as_written, int32_t fd) {
     }
     if (!isatty(fd)) {
         ATCMD_LOG_AS(ch.init_name, ch.tag, 4, "%s", ch.not_a_tty);
-        close(fd);
         return -1;
     }
     if (ch.opened_shows_fd) {
@@ -105,13 +106,13 @@ int configure_port(const Channel &ch, const char *as_written, int32_t fd) {
     }
     if (ch.set_opt(fd, kLineSpeed, kLineDataBits, kLineParity, kLineStopBits) == -1) {
         ATCMD_LOG_AS(ch.init_name, ch.tag, 4, "%s", ch.set_opt_error);
-        close(fd);
         return -1;
     }
     tcflush(fd, TCIOFLUSH);
     fcntl(fd, F_SETFL, 0);
     ATCMD_LOG_AS(ch.init_name, ch.tag, 3, "Init %s %s successfully, %s fd is %d ", ch.link_name,
                  as_written, ch.link_name, fd);
+    owned.release();
     return 0;
 }
 
@@ -140,10 +141,7 @@ int serial_send(const char *func, const char *tag, int32_t fd, const char *buf, 
         ATCMD_LOG_AS(func, tag, 0, "serial send without data, nothing written");
         return -1;
     }
-    ssize_t written;
-    do {
-        written = write(fd, buf, len);
-    } while (written < 0 && errno == EINTR);
+    const ssize_t written = retry_eintr([&] { return write(fd, buf, len); });
     if (written < 0 || static_cast<size_t>(written) != len) {
         ATCMD_LOG_AS(func, tag, 4, "serial write device error\n");
         tcflush(fd, TCOFLUSH);

@@ -18,6 +18,7 @@
 #include "device/device.h"
 #include "device/link_words.h"
 #include "device/properties.h"
+#include "device/sys_io.h"
 #include "engine/engine.h"
 #include "log/atcmd_log.h"
 #include "platform/root_path.h"
@@ -47,20 +48,9 @@ int32_t wifi_status_of_device(void) {
     return dev != nullptr ? link_load(dev->system_status.wifi_status) : 0;
 }
 
-// Closes the descriptor it holds when it goes out of scope.
-struct FdGuard {
-    int fd;
-    ~FdGuard() {
-        if (fd >= 0) close(fd);
-    }
-};
-
 bool write_exit_word(int fd) {
     const size_t len = sizeof kExitWord - 1;  // no terminator on the FIFO
-    ssize_t n;
-    do {
-        n = write(fd, kExitWord, len);
-    } while (n < 0 && errno == EINTR);
+    const ssize_t n = retry_eintr([&] { return write(fd, kExitWord, len); });
     return n == static_cast<ssize_t>(len);
 }
 
@@ -115,13 +105,13 @@ void restart_daemon(uint32_t count) {
 }  // namespace
 
 void stop_hiddemon(void) {
-    FdGuard cmd_fifo{atcmd_open_rooted(kFifoCmd, O_RDWR | O_CLOEXEC)};
-    if (cmd_fifo.fd < 0) {
+    const UniqueFd cmd_fifo(atcmd_open_rooted(kFifoCmd, O_RDWR | O_CLOEXEC));
+    if (cmd_fifo.get() < 0) {
         ATCMD_LOG(0, "cannot open device: %s, will kill hiddemon!", kFifoCmd);
         Kill_hiddemon_byforce();
         return;
     }
-    if (!write_exit_word(cmd_fifo.fd)) {
+    if (!write_exit_word(cmd_fifo.get())) {
         ATCMD_LOG(0, " fails to write data %s to fifo_cmd", kExitWord);
         Kill_hiddemon_byforce();
         return;
