@@ -21,14 +21,14 @@ using namespace atcmd_test;
 TEST(LogTest, FileLinesCarryThePrefixAndRunOnWithoutAddedNewline) {
     Sandbox sb(kWithLog);
     ASSERT_NE(fd_logfile, nullptr);
-    ATCMD_LOG(4, "first %d", 1);
-    ATCMD_LOG_AS("named_entry", "ATCMD_TEST", 4, "second\n");
+    ATCMD_LOG(ATCMD_LEVEL_DETAIL, "first %d", 1);
+    ATCMD_LOG_AS("named_entry", "ATCMD_TEST", ATCMD_LEVEL_DETAIL, "second\n");
     std::regex lines(R"(\[\d+\.\d+\]\[tid:\d+\]TestBody:\d+: first 1)"
                      R"(\[\d+\.\d+\]\[tid:\d+\]named_entry:\d+: second\n)");
     EXPECT_TRUE(std::regex_search(sb.log_text(), lines)) << sb.log_text();
 
     log_file_init(ATCMD_LOG_DIR, ATCMD_LOG_FILE);  // reopening appends
-    ATCMD_LOG(4, "third");
+    ATCMD_LOG(ATCMD_LEVEL_DETAIL, "third");
     const std::string text = sb.log_text();
     EXPECT_LT(text.find("first"), text.find("third"));
     EXPECT_NE(text.find("log_filename=" + sb.log_path() + "\n"), std::string::npos);
@@ -47,13 +47,13 @@ TEST(LogTest, RunsOnWhenTheDirectoryCannotBeMade) {
     write_text_file(sb.path("/sdcard"), "a file where the log directory's parent should be");
     log_file_init(ATCMD_LOG_DIR, ATCMD_LOG_FILE);
     EXPECT_EQ(fd_logfile, nullptr);
-    ATCMD_LOG(0, "still logging");  // standard output and the Android log only
+    ATCMD_LOG(ATCMD_LEVEL_ERROR, "still logging");  // standard output and the Android log only
 }
 
 TEST(LogTest, EachThreadAndAForkedChildLogTheirOwnId) {
     Sandbox sb(kWithLog);
     const auto log_marked = [](const char *marker) {  // the tid the prefix should carry
-        ATCMD_LOG(4, "%s\n", marker);
+        ATCMD_LOG(ATCMD_LEVEL_DETAIL, "%s\n", marker);
         return atcmd_thread_id();
     };
     const int main_tid = log_marked("from-main");

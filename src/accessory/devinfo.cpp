@@ -60,7 +60,7 @@ constexpr std::array<QueryRow, kQueryCount> kQueries = {{
 void send_query(QueryIndex index, const char *func) {
     const QueryRow &q = kQueries[index];
     if (g_patcmd_dev == nullptr) {
-        ATCMD_LOG_AS(func, LOG_TAG, 0, "no device, query %s dropped", q.text);
+        ATCMD_LOG_AS(func, LOG_TAG, ATCMD_LEVEL_ERROR, "no device, query %s dropped", q.text);
         return;
     }
     const int32_t platform = g_patcmd_dev->system_status.platform;
@@ -69,7 +69,8 @@ void send_query(QueryIndex index, const char *func) {
                           : snprintf(text, q.buf_size, "%s%u&%d\r\n", q.text, q.row,
                                      platform == PLATFORM_VUART ? PLATFORM_VUART : PLATFORM_UART);
     if (n < 0 || static_cast<size_t>(n) >= q.buf_size) {
-        ATCMD_LOG_AS(func, LOG_TAG, 0, "query line %s does not fit, dropped", q.text);
+        ATCMD_LOG_AS(func, LOG_TAG, ATCMD_LEVEL_ERROR, "query line %s does not fit, dropped",
+                     q.text);
         return;
     }
     AtCmder_t cmd = {};
@@ -103,7 +104,7 @@ int get_corvel_ver(void) {
 // Asks every question once when the link comes up. No answer is awaited; the pauses only space
 // the lines out. The platform-1 block ends without a pause.
 int get_corvel_info(void) {
-    ATCMD_LOG(4, " get corvel info.");
+    ATCMD_LOG(ATCMD_LEVEL_DETAIL, " get corvel info.");
     get_corvel_type();
     usleep(kInfoPauseUs);
     get_corvel_BATINFO();

@@ -65,7 +65,8 @@ constexpr NumberList kAccinfo = {"getACCinfo_fromCmdString", 3, "get Acc sensor 
 // long as the cursor is still inside the line; running off the end gives NO_VALUE.
 uint32_t extract_numbers(const NumberList &list, const char *line, int32_t *values) {
     if (line == nullptr || values == nullptr) {
-        ATCMD_LOG_AS(list.func, LOG_TAG, 0, "%s, raw data is %s! ", list.error, "(null)");
+        ATCMD_LOG_AS(list.func, LOG_TAG, ATCMD_LEVEL_ERROR, "%s, raw data is %s! ", list.error,
+                     "(null)");
         return ATCMD_EXTRACT_NO_VALUE;
     }
     const char *const end = line + strlen(line);
@@ -73,7 +74,8 @@ uint32_t extract_numbers(const NumberList &list, const char *line, int32_t *valu
     const char *cursor = strchr(line, kValueMark);
     for (size_t i = 0; i < list.count; ++i) {
         if (cursor == nullptr || cursor >= end) {
-            ATCMD_LOG_AS(list.func, LOG_TAG, 0, "%s, raw data is %s! ", list.error, line);
+            ATCMD_LOG_AS(list.func, LOG_TAG, ATCMD_LEVEL_ERROR, "%s, raw data is %s! ", list.error,
+                         line);
             return ATCMD_EXTRACT_NO_VALUE;
         }
         char *next = nullptr;
@@ -88,8 +90,8 @@ uint32_t extract_numbers(const NumberList &list, const char *line, int32_t *valu
 // ever writes past its field. `func` is the extractor the log line is written for.
 void copy_bounded(const char *func, char *slot, size_t size, const char *value, size_t len) {
     if (len >= size) {
-        ATCMD_LOG_AS(func, LOG_TAG, 0, "value of %zu bytes cut to %zu bytes: %.*s", len, size - 1,
-                     static_cast<int>(len), value);
+        ATCMD_LOG_AS(func, LOG_TAG, ATCMD_LEVEL_ERROR, "value of %zu bytes cut to %zu bytes: %.*s",
+                     len, size - 1, static_cast<int>(len), value);
         len = size - 1;
     }
     memcpy(slot, value, len);
@@ -110,7 +112,7 @@ const char *ver_item_end(const char *line, const char *colon, size_t item) {
 
 uint32_t getvalue_fromCmdString(const char *line, int32_t *value) {
     if (line == nullptr || value == nullptr) {
-        ATCMD_LOG(0, "getvalue_fromCmdString: null line or output");
+        ATCMD_LOG(ATCMD_LEVEL_ERROR, "getvalue_fromCmdString: null line or output");
         return ATCMD_EXTRACT_NO_VALUE;
     }
     const char *eq = strchr(line, kValueMark);
@@ -122,7 +124,7 @@ uint32_t getvalue_fromCmdString(const char *line, int32_t *value) {
 
 uint32_t atcmd_getstr_bounded(const char *line, char *out, size_t out_size) {
     if (line == nullptr || out == nullptr || out_size == 0) {
-        ATCMD_LOG_AS(kGetstr, LOG_TAG, 0, "getstr: null line or output");
+        ATCMD_LOG_AS(kGetstr, LOG_TAG, ATCMD_LEVEL_ERROR, "getstr: null line or output");
         return ATCMD_EXTRACT_NO_DELIMITER;
     }
     const char *eq = strchr(line, kValueMark);
@@ -133,7 +135,8 @@ uint32_t atcmd_getstr_bounded(const char *line, char *out, size_t out_size) {
         // "#" (or CR) before the "=" leaves no end mark after the value. The safe reading is
         // "no value": the output is the empty text and the caller sees a missing delimiter.
         out[0] = '\0';
-        ATCMD_LOG_AS(kGetstr, LOG_TAG, 0, "getstr: end mark before '=', raw data is %s", line);
+        ATCMD_LOG_AS(kGetstr, LOG_TAG, ATCMD_LEVEL_ERROR,
+                     "getstr: end mark before '=', raw data is %s", line);
         return ATCMD_EXTRACT_NO_DELIMITER;
     }
     copy_bounded(kGetstr, out, out_size, eq + 1, static_cast<size_t>(mark - eq - 1));
@@ -146,12 +149,12 @@ uint32_t getstr_fromCmdString(const char *line, char *out) {
 
 uint32_t getstate_fromCmdString(const char *line, int32_t *state) {
     if (state == nullptr) {
-        ATCMD_LOG(0, "getstate_fromCmdString: null output");
+        ATCMD_LOG(ATCMD_LEVEL_ERROR, "getstate_fromCmdString: null output");
         return ATCMD_EXTRACT_OK;
     }
     *state = kUnknownState;
     if (line == nullptr) {
-        ATCMD_LOG(0, "getstate_fromCmdString: null line");
+        ATCMD_LOG(ATCMD_LEVEL_ERROR, "getstate_fromCmdString: null line");
         return ATCMD_EXTRACT_OK;
     }
     for (const StateWord &row : kStateWords) {
@@ -189,7 +192,7 @@ uint32_t getACCinfo_fromCmdString(const char *line, int32_t *values) {
 uint32_t getVerInfo_fromCmdString(const char *line, uintptr_t block_addr) {
     char *block = reinterpret_cast<char *>(block_addr);
     if (line == nullptr || block == nullptr) {
-        ATCMD_LOG(0, "getVerInfo_fromCmdString: null line or block");
+        ATCMD_LOG(ATCMD_LEVEL_ERROR, "getVerInfo_fromCmdString: null line or block");
         return ATCMD_EXTRACT_NO_DELIMITER;
     }
     memset(block, 0, CORVEL_VER_BLOCK_SIZE);
@@ -207,7 +210,7 @@ uint32_t getVerInfo_fromCmdString(const char *line, uintptr_t block_addr) {
             copy_bounded(__func__, slot, kVerSlotSizes[i], colon + 1,
                          static_cast<size_t>(end - colon - 1));
         }
-        ATCMD_LOG(4, "ver item %d is %s", static_cast<int>(i), slot);
+        ATCMD_LOG(ATCMD_LEVEL_DETAIL, "ver item %d is %s", static_cast<int>(i), slot);
         cursor = end;
     }
     return ATCMD_EXTRACT_OK;

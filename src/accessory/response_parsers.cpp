@@ -32,10 +32,10 @@ namespace {
 constexpr uint32_t kParsed = 0;
 constexpr uint32_t kNoValue = ATCMD_EXTRACT_NO_VALUE;  // REBOOT and ERROR report a missing value
 constexpr uint8_t kKeepDest = AT_NODE_NONE;           // the row leaves the record's dest alone
-constexpr int kEntryLevel = 4;
-constexpr int kValueLevel = 4;
-constexpr int kTimeEntryLevel = 3;
-constexpr int kCastModeLevel = 3;
+constexpr int kEntryLevel = ATCMD_LEVEL_DETAIL;
+constexpr int kValueLevel = ATCMD_LEVEL_DETAIL;
+constexpr int kTimeEntryLevel = ATCMD_LEVEL_STATE;
+constexpr int kCastModeLevel = ATCMD_LEVEL_STATE;
 
 constexpr char kPowerctlProp[] = "sys.powerctl";
 constexpr char kPowerctlShutdown[] = "shutdown";
@@ -74,7 +74,7 @@ Link link_state() {
 // A record without a line cannot be parsed: it is logged and dropped.
 bool usable(const AtCmder_t *cmd, const char *parser) {
     if (cmd != nullptr && cmd->data != nullptr) return true;
-    PARSER_LOG(0, "%s got a NULL record or line, dropped", parser);
+    PARSER_LOG(ATCMD_LEVEL_ERROR, "%s got a NULL record or line, dropped", parser);
     return false;
 }
 
@@ -145,7 +145,7 @@ uint32_t parse_value(const ValueRow &row, AtCmder_t *cmd, const char *parser) {
     log_entry(parser, entry_name_of(row.entry_name, parser), cmd);
     int32_t value = 0;
     if (getvalue_fromCmdString(cmd->data, &value) != ATCMD_EXTRACT_OK) {
-        PARSER_LOG(0, "%s", row.invalid);
+        PARSER_LOG(ATCMD_LEVEL_ERROR, "%s", row.invalid);
         return row.invalid_status;
     }
     if (row.value_name != nullptr && row.log_seq) {
@@ -231,7 +231,7 @@ uint32_t parse_numbers(const NumbersRow &row, AtCmder_t *cmd, const char *parser
     log_entry(parser, parser, cmd);
     std::array<int32_t, kMaxNumbers> v = {};
     if (row.extract(cmd->data, v.data()) != ATCMD_EXTRACT_OK) {
-        PARSER_LOG(0, "%s", row.invalid);
+        PARSER_LOG(ATCMD_LEVEL_ERROR, "%s", row.invalid);
         return kParsed;
     }
     log_numbers(parser, row, v.data());
@@ -301,7 +301,7 @@ uint32_t parse_record_text(const RecordTextRow &row, AtCmder_t *cmd, const char 
         return kParsed;
     }
     if (atcmd_getstr_bounded(cmd->data, field, sizeof field) != ATCMD_EXTRACT_OK) {
-        PARSER_LOG(0, "%s", row.invalid);  // the field stays cleared
+        PARSER_LOG(ATCMD_LEVEL_ERROR, "%s", row.invalid);  // the field stays cleared
         return kParsed;
     }
     log_text_value(parser, row, cmd, field);
@@ -366,7 +366,7 @@ uint32_t parse_local_text(const LocalTextRow &row, AtCmder_t *cmd, const char *p
     log_entry(parser, parser, cmd);
     char text[AT_LINE_BUF_SIZE] = {};
     if (atcmd_getstr_bounded(cmd->data, text, sizeof text) != ATCMD_EXTRACT_OK) {
-        PARSER_LOG(0, "%s", row.invalid);
+        PARSER_LOG(ATCMD_LEVEL_ERROR, "%s", row.invalid);
         return kParsed;
     }
     if (row.notify) notify_up(row.msg_id, cmd, text);
@@ -484,7 +484,7 @@ uint32_t VER_parser(AtCmder_t *cmd) {
     char *block = g_corvel_devInfo.ver;
     if (getVerInfo_fromCmdString(cmd->data, reinterpret_cast<uintptr_t>(block)) !=
         ATCMD_EXTRACT_OK) {
-        ATCMD_LOG(0, "Invalid verInfo info!");
+        ATCMD_LOG(ATCMD_LEVEL_ERROR, "Invalid verInfo info!");
         return kParsed;
     }
     const auto &at = kVerSlotOffsets;
@@ -504,12 +504,12 @@ uint32_t USBSTATE_parser(AtCmder_t *cmd) {
     log_entry(__func__, __func__, cmd);
     usbdev_sts_t sts = {};
     if (getUsbDevinfo_fromCmdString(cmd->data, &sts) != ATCMD_EXTRACT_OK) {
-        ATCMD_LOG(0, "Invalid usbdev_sts_t!");
+        ATCMD_LOG(ATCMD_LEVEL_ERROR, "Invalid usbdev_sts_t!");
         return kParsed;
     }
     atcmdprocess_device *dev = g_patcmd_dev;
     if (dev == nullptr) {
-        ATCMD_LOG(0, "USBSTATE_parser without a device, USB state dropped");
+        ATCMD_LOG(ATCMD_LEVEL_ERROR, "USBSTATE_parser without a device, USB state dropped");
         return kParsed;
     }
     link_store(dev->usb_connected, sts.connected);

@@ -87,7 +87,7 @@ bool wait_property(const char *key, char *value) {
 // `func`, when there is no device.
 int32_t current_platform(const char *func) {
     if (g_patcmd_dev != nullptr) return g_patcmd_dev->system_status.platform;
-    ATCMD_LOG_AS(func, LOG_TAG, 0, "no device, line dropped");
+    ATCMD_LOG_AS(func, LOG_TAG, ATCMD_LEVEL_ERROR, "no device, line dropped");
     return 0;
 }
 
@@ -103,7 +103,7 @@ void send_state_line(const char *word, uint8_t dest) {
 // Answers the accessory's state query with the phone's state: only IDLE and ACTIVE are words.
 void send_stateToMCU(void) {
     if (g_patcmd_dev == nullptr) {
-        ATCMD_LOG(0, "no device, state line dropped");
+        ATCMD_LOG(ATCMD_LEVEL_ERROR, "no device, state line dropped");
         return;
     }
     const int32_t phone_state = g_patcmd_dev->system_status.phone_state;
@@ -118,7 +118,7 @@ void send_bt_mac(void) {
     if (platform == 0) return;
     char mac[PROPERTY_VALUE_MAX] = {};
     if (!wait_property(bt_mac_prop, mac)) {
-        ATCMD_LOG(0, "Can not get Corvel BTMAC %s.", bt_mac_prop);
+        ATCMD_LOG(ATCMD_LEVEL_ERROR, "Can not get Corvel BTMAC %s.", bt_mac_prop);
         return;
     }
     const MacLine &line = platform == PLATFORM_VUART ? kMacLineVuart : kMacLineUart;
@@ -139,16 +139,16 @@ void send_amlogic_ver(void) {
         snprintf(version, sizeof version, "%.*s", static_cast<int>(strnlen(slot, kWifiVerSlotSize)),
                  slot);
     } else if (!wait_property(kVersionProp, version)) {
-        ATCMD_LOG(0, "get corvel ver fail.");
+        ATCMD_LOG(ATCMD_LEVEL_ERROR, "get corvel ver fail.");
         return;
     } else if (strlen(version) < kWifiVerSlotSize) {
         memcpy(slot, version, strlen(version) + 1);
     } else {
-        ATCMD_LOG(3, "Amlogic ver data is too long!");
+        ATCMD_LOG(ATCMD_LEVEL_STATE, "Amlogic ver data is too long!");
     }
     char text[AT_LINE_BUF_SIZE] = {};
     snprintf(text, sizeof text, "+VER=WIFI:%s", version);
-    ATCMD_LOG(4, "ver data is %s", text);
+    ATCMD_LOG(ATCMD_LEVEL_DETAIL, "ver data is %s", text);
     snprintf(text + strlen(text), sizeof text - strlen(text), "\r\n");
     queue_line({AT_TYPE_RESPONSE, AT_NODE_ACCESSORY, 0, AT_MSG_VER, 0}, text);
 }

@@ -20,9 +20,9 @@ constexpr int kNoDevice = -EINVAL;
 }  // namespace
 
 int set_notify_callback(struct atcmdprocess_device *dev, atcmdprocess_notify_cb cb) {
-    ATCMD_LOG(4, "set_notify_callback");
+    ATCMD_LOG(ATCMD_LEVEL_DETAIL, "set_notify_callback");
     if (dev == nullptr) {
-        ATCMD_LOG(0, "set_notify_callback without a device, callback not stored\n");
+        ATCMD_LOG(ATCMD_LEVEL_ERROR, "set_notify_callback without a device, callback not stored\n");
         return kNoDevice;
     }
     link_store(dev->notify_callback, cb);  // engine threads may be notifying already
@@ -34,7 +34,8 @@ void atcmd_notify(const AT_CMD_CbMsg_t *msg) {
     const atcmdprocess_notify_cb callback =
         dev != nullptr ? link_load(dev->notify_callback) : nullptr;
     if (callback == nullptr) {
-        ATCMD_LOG(0, "no notify callback installed, message %u dropped\n", msg->msg_id);
+        ATCMD_LOG(ATCMD_LEVEL_ERROR, "no notify callback installed, message %u dropped\n",
+                  msg->msg_id);
         return;
     }
     callback(msg);

@@ -13,7 +13,7 @@
 int atcmd_property_set(const char *func, const char *key, const char *value) {
     const int status = property_set(key, value);
     if (status != 0) {
-        ATCMD_LOG_AS(func, LOG_TAG, ATCMD_LOG_THRESHOLD_ERROR,
+        ATCMD_LOG_AS(func, LOG_TAG, ATCMD_LEVEL_ERROR,
                      "property_set %s=%s failed (%d): the property keeps its old value\n", key,
                      value, status);
     }

@@ -32,14 +32,15 @@ bool is_bridged(const AtCmder_t *cmd, int32_t platform, int32_t mode) {
 
 int atcmder_post_parse_process(AtCmder_t *cmd) {
     if (cmd == nullptr) {
-        ATCMD_LOG(0, "atcmder_post_parse_process got a NULL record, dropped\n");
+        ATCMD_LOG(ATCMD_LEVEL_ERROR, "atcmder_post_parse_process got a NULL record, dropped\n");
         return 0;
     }
     // Without a device (nothing opened yet) the platform is unknown: nothing is bridged.
     const struct atcmdprocess_device *dev = g_patcmd_dev;
     const int32_t platform = dev != nullptr ? dev->system_status.platform : 0;
     const int32_t mode = dev != nullptr ? link_load(dev->system_status.mode) : AT_MODE_NONE;
-    ATCMD_LOG(4, "current platform is %d, mode is %d, flag is %d", platform, mode, cmd->flag);
+    ATCMD_LOG(ATCMD_LEVEL_DETAIL, "current platform is %d, mode is %d, flag is %d", platform, mode,
+              cmd->flag);
 
     if (is_bridged(cmd, platform, mode)) {
         if (cmd->source == AT_NODE_ACCESSORY) {
@@ -56,7 +57,7 @@ int atcmder_post_parse_process(AtCmder_t *cmd) {
 
 void *atcmder_dispatch_thread(void * /*arg*/) {
     prctl(PR_SET_NAME, "dispatch_thread");
-    ATCMD_LOG(3, "atcmder_dispatch_thread thread is running");
+    ATCMD_LOG(ATCMD_LEVEL_STATE, "atcmder_dispatch_thread thread is running");
     char text[AT_LINE_BUF_SIZE];
     AtCmder_t cmd = {};
     cmd.data = text;
@@ -65,7 +66,8 @@ void *atcmder_dispatch_thread(void * /*arg*/) {
         while (atcmder_empty_queue(&Rx_head, &g_rxqueue_mutex) == 0) {
             memset(text, 0, sizeof text);
             if (atcmder_dequeue(&Rx_head, &g_rxqueue_mutex, &cmd) != ATCMDER_QUEUE_OK) continue;
-            ATCMD_LOG(4, "atcmder_dispatch_thread source is %u, data is %s", cmd.source, text);
+            ATCMD_LOG(ATCMD_LEVEL_DETAIL, "atcmder_dispatch_thread source is %u, data is %s",
+                      cmd.source, text);
             atcmder_dispatch(&cmd);
         }
     }
@@ -74,11 +76,12 @@ void *atcmder_dispatch_thread(void * /*arg*/) {
 
 uint32_t atcmder_dispatch(AtCmder_t *cmd) {
     if (cmd == nullptr) {
-        ATCMD_LOG(0, "atcmder_dispatch got a NULL record, dropped\n");
+        ATCMD_LOG(ATCMD_LEVEL_ERROR, "atcmder_dispatch got a NULL record, dropped\n");
         return 0;
     }
     if (cmd->cmd_id >= AT_MSG_COUNT) {
-        ATCMD_LOG(0, "atcmder_dispatch got unknown row %u, not parsed\n", cmd->cmd_id);
+        ATCMD_LOG(ATCMD_LEVEL_ERROR, "atcmder_dispatch got unknown row %u, not parsed\n",
+                  cmd->cmd_id);
     } else if (AT_CMDS[cmd->cmd_id].parser != nullptr) {
         AT_CMDS[cmd->cmd_id].parser(cmd);
     }
@@ -90,7 +93,8 @@ uint32_t atcmder_dispatch(AtCmder_t *cmd) {
     if (cmd->flag == platform && cmd->type == AT_TYPE_RESPONSE && cmd->seq_num != 0) {
         rmTimeoutItem(cmd);
     }
-    ATCMD_LOG(4, "atcmder_dispatch type is %u, flag is %u, platform is %d, data is %s", cmd->type,
+    ATCMD_LOG(ATCMD_LEVEL_DETAIL,
+              "atcmder_dispatch type is %u, flag is %u, platform is %d, data is %s", cmd->type,
               cmd->flag, platform, text_of(cmd));
     return 0;
 }

@@ -94,7 +94,7 @@ int find_in_chain(const char *text, uint8_t *idx, Match matches) {
 
 int findAtCmdIdx(const char *line, uint8_t *idx) {
     if (line == nullptr || strlen(line) < kAtCommandMinLen || line[0] != 'A' || line[1] != 'T') {
-        ATCMD_LOG(0, "Invalidate AT command!");
+        ATCMD_LOG(ATCMD_LEVEL_ERROR, "Invalidate AT command!");
         return 0;
     }
     const char *keyword = line + 2;  // two characters at least, by the length test above

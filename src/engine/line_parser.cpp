@@ -170,13 +170,14 @@ bool look_up(const Parse &p, Lookup lookup) {
 
 // The line is dropped and the same character is looked at again in Start.
 void reject(Parse &p) {
-    ATCMD_LOG_AS("cmd_Parse_from_buffer", LOG_TAG, 3, "Cmd  %s is not supported!", p.cmd->data);
+    ATCMD_LOG_AS("cmd_Parse_from_buffer", LOG_TAG, ATCMD_LEVEL_STATE, "Cmd  %s is not supported!",
+                 p.cmd->data);
     clear_line(p);
     p.state = State::Start;
 }
 
 void skip_garbage(Parse &p) {
-    ATCMD_LOG_AS("cmd_Parse_from_buffer", LOG_TAG, 4, "Cmd is not supported!");
+    ATCMD_LOG_AS("cmd_Parse_from_buffer", LOG_TAG, ATCMD_LEVEL_DETAIL, "Cmd is not supported!");
     clear_line(p);
     const char *nl = static_cast<const char *>(memchr(p.text + p.pos, '\n', p.len - p.pos));
     p.pos = nl != nullptr ? static_cast<size_t>(nl - p.text) + 1 : p.pos + 1;
@@ -186,7 +187,7 @@ void end_line(Parse &p) {
     store(p, '\n');
     if (is_report_row(p.cmd->cmd_id)) p.cmd->type = AT_TYPE_REPORT;
     atcmder_post_parse_process(p.cmd);
-    ATCMD_LOG_AS("cmd_Parse_from_buffer", LOG_TAG, 3,
+    ATCMD_LOG_AS("cmd_Parse_from_buffer", LOG_TAG, ATCMD_LEVEL_STATE,
                  "Get one line cmd: idx is %u ,  seq num is %d, flag is %d, cmd is %s",
                  p.cmd->cmd_id, p.cmd->seq_num, p.cmd->flag, p.cmd->data);
     clear_line(p);
@@ -254,7 +255,8 @@ void step(Parse &p, char c) {
 
 void cmd_Parse_from_buffer(AtCmder_t *cmd, const char *text) {
     if (cmd == nullptr || cmd->data == nullptr || text == nullptr) {
-        ATCMD_LOG(0, "cmd_Parse_from_buffer: null record, line buffer or text, nothing parsed");
+        ATCMD_LOG(ATCMD_LEVEL_ERROR,
+                  "cmd_Parse_from_buffer: null record, line buffer or text, nothing parsed");
         return;
     }
     Parse p{cmd, text, strlen(text)};
@@ -263,7 +265,7 @@ void cmd_Parse_from_buffer(AtCmder_t *cmd, const char *text) {
     while (p.pos < p.len) {
         if (p.line_len == kMaxLineLen) {
             // The stored text is lost; this character starts afresh.
-            ATCMD_LOG(4, "Cmd  is too long and not supported!");
+            ATCMD_LOG(ATCMD_LEVEL_DETAIL, "Cmd  is too long and not supported!");
             p.line_len = 0;
             p.state = State::Start;
         }

@@ -106,14 +106,14 @@ bool keep_spare(QueueWaiter *w, struct atcmder_node *node) {
 // The checks every record passes before it is queued; its text length goes to *len.
 uint32_t check_record(const AtCmder_t *cmd, size_t *len) {
     if (cmd == nullptr || cmd->data == nullptr) {
-        ATCMD_LOG_AS("atcmder_enqueue", LOG_TAG, 0, "Input atcmder data is NULL!");
+        ATCMD_LOG_AS("atcmder_enqueue", LOG_TAG, ATCMD_LEVEL_ERROR, "Input atcmder data is NULL!");
         return ATCMDER_QUEUE_NULL;
     }
     *len = strnlen(cmd->data, AT_LINE_BUF_SIZE);
     if (*len >= AT_LINE_BUF_SIZE) {
         // A line must fit the node's buffer with its terminator; a longer one is refused whole
         // rather than cut, so that nothing half-formed reaches a channel.
-        ATCMD_LOG_AS("atcmder_enqueue", LOG_TAG, 0,
+        ATCMD_LOG_AS("atcmder_enqueue", LOG_TAG, ATCMD_LEVEL_ERROR,
                      "atcmder_enqueue refuses a line of %d bytes or more: %.40s...\n",
                      AT_LINE_BUF_SIZE, cmd->data);
         return ATCMDER_QUEUE_TOO_LONG;
@@ -237,7 +237,8 @@ void atcmder_wait_queue(struct atcmder_queue_head *head, pthread_mutex_t *list_m
     if (w == nullptr || w->list_mutex != list_mutex || w->wait_mutex != wait_mutex ||
         w->not_empty != not_empty) {
         // Only the three engine queues have a consumer; anything else would never be woken.
-        ATCMD_LOG(0, "atcmder_wait_queue: not an engine queue or not its locks, no wait\n");
+        ATCMD_LOG(ATCMD_LEVEL_ERROR,
+                  "atcmder_wait_queue: not an engine queue or not its locks, no wait\n");
         return;
     }
     pthread_mutex_lock(wait_mutex);
@@ -274,7 +275,7 @@ uint32_t atcmder_enqueue(struct atcmder_queue_head *head, pthread_mutex_t *mutex
 uint32_t atcmder_dequeue(struct atcmder_queue_head *head, pthread_mutex_t *mutex,
                          AtCmder_t *cmd) {
     if (cmd == nullptr || cmd->data == nullptr) {
-        ATCMD_LOG(0, "Output atcmder is a NULL pointer!");
+        ATCMD_LOG(ATCMD_LEVEL_ERROR, "Output atcmder is a NULL pointer!");
         return ATCMDER_QUEUE_NULL;
     }
     pthread_mutex_lock(mutex);
@@ -285,7 +286,7 @@ uint32_t atcmder_dequeue(struct atcmder_queue_head *head, pthread_mutex_t *mutex
     }
     TAILQ_REMOVE(head, node, link);
     if (node->buf[0] == '\0') {
-        ATCMD_LOG(4, "Atcmd queue has null pointer, remove it!");
+        ATCMD_LOG(ATCMD_LEVEL_DETAIL, "Atcmd queue has null pointer, remove it!");
         free(node);
         // The mutex stays locked on this path, so the queue stops here: every later operation
         // on it waits. This is the queue's defined reaction to an empty line and is kept.
@@ -303,7 +304,7 @@ uint32_t atcmder_dequeue(struct atcmder_queue_head *head, pthread_mutex_t *mutex
 
 void dump_atcmd_data(const AtCmder_t *cmd) {
     if (cmd == nullptr) return;
-    ATCMD_LOG_TAG("ATCMD_MANAGE", 4,
+    ATCMD_LOG_TAG("ATCMD_MANAGE", ATCMD_LEVEL_DETAIL,
                   "dump_atcmd_data type:%d,source:%d,dest:%d, flag:%d,resendtimes:%d cmd_id:%d, "
                   "seq_num:%d,tv_sec:%ld,tv_usec:%ld, data:%s",
                   cmd->type, cmd->source, cmd->dest, cmd->flag, cmd->resendtimes, cmd->cmd_id,
@@ -319,7 +320,7 @@ void atcmder_burst_begin(void) { ++t_burst_depth; }
 
 void atcmder_burst_end(void) {
     if (t_burst_depth == 0) {
-        ATCMD_LOG(0, "atcmder_burst_end without a burst, ignored\n");
+        ATCMD_LOG(ATCMD_LEVEL_ERROR, "atcmder_burst_end without a burst, ignored\n");
         return;
     }
     if (--t_burst_depth > 0) return;

@@ -48,7 +48,8 @@ void split_at_nuls(struct at_rx_buffer *rx, at_rx_deliver_fn deliver, void *ctx)
         start = at + 1;
     }
     if (nuls == 0) return;
-    ATCMD_LOG(3, "receive data held %zu NUL byte(s), dropped them and parsed the text around them",
+    ATCMD_LOG(ATCMD_LEVEL_STATE,
+              "receive data held %zu NUL byte(s), dropped them and parsed the text around them",
               nuls);
     drop_front(rx, start);
 }
@@ -81,11 +82,13 @@ size_t at_rx_room(const struct at_rx_buffer *rx) {
 void at_rx_frame(struct at_rx_buffer *rx, size_t received, at_rx_deliver_fn deliver,
                  at_rx_too_long_fn too_long, void *ctx) {
     if (rx == nullptr || deliver == nullptr) {
-        ATCMD_LOG(0, "at_rx_frame: null buffer or delivery, %zu bytes ignored", received);
+        ATCMD_LOG(ATCMD_LEVEL_ERROR, "at_rx_frame: null buffer or delivery, %zu bytes ignored",
+                  received);
         return;
     }
     if (received > at_rx_room(rx)) {
-        ATCMD_LOG(0, "at_rx_frame: %zu bytes reported for %zu bytes of room, keeping the room",
+        ATCMD_LOG(ATCMD_LEVEL_ERROR,
+                  "at_rx_frame: %zu bytes reported for %zu bytes of room, keeping the room",
                   received, at_rx_room(rx));
         received = at_rx_room(rx);
     }

@@ -15,6 +15,7 @@
 
 #include "device/device.h"
 #include "device/link_words.h"
+#include "device/sys_io.h"
 #include "engine/engine.h"
 #include "log/atcmd_log.h"
 #include "serial/serial.h"
@@ -45,12 +46,13 @@ constexpr WiredLink kVuart = {&g_vuart_fd, VUART_Send, ATCMDER_TX_VUART_CLOSED, 
 uint32_t send_wired(const WiredLink &link, const char *text) {
     const int32_t fd = link_load(*link.fd);  // the supervisor replaces it on plug and unplug
     if (fd == -1) {
-        ATCMD_LOG_AS("atcmder_Tx_process", LOG_TAG, 0, "%s", link.not_open);
+        ATCMD_LOG_AS("atcmder_Tx_process", LOG_TAG, ATCMD_LEVEL_ERROR, "%s", link.not_open);
         return link.closed_status;
     }
     const size_t len = strlen(text);
     link.send(fd, text, len);  // a failed send is left to the time-out and resend
-    ATCMD_LOG_AS("atcmder_Tx_process", LOG_TAG, 4, "%s%zu, data is %s", link.sent, len, text);
+    ATCMD_LOG_AS("atcmder_Tx_process", LOG_TAG, ATCMD_LEVEL_DETAIL, "%s%zu, data is %s", link.sent,
+                 len, text);
     return ATCMDER_TX_OK;
 }
 
@@ -61,24 +63,23 @@ uint32_t send_vuart(const char *text) { return send_wired(kVuart, text); }
 bool write_fifo(const char *text) {
     const size_t len = strlen(text);
     const int32_t fd = link_load(g_fifo_tx_fd);
-    ssize_t n;
-    do {
-        n = write(fd, text, len);
-    } while (n < 0 && errno == EINTR);
+    const ssize_t n = retry_eintr([&] { return write(fd, text, len); });
     return n == static_cast<ssize_t>(len);
 }
 
 // Platform 2, the Wi-Fi client side.
 uint32_t send_wifi_client(const char *text) {
     if (link_load(g_fifo_tx_fd) == -1) {
-        ATCMD_LOG_AS("atcmder_Tx_process", LOG_TAG, 0, "wifi fifo is not opened!");
+        ATCMD_LOG_AS("atcmder_Tx_process", LOG_TAG, ATCMD_LEVEL_ERROR, "wifi fifo is not opened!");
         return ATCMDER_TX_WIFI_CLOSED;
     }
     if (!write_fifo(text)) {
-        ATCMD_LOG_AS("atcmder_Tx_process", LOG_TAG, 0, "wifi fifotx fails to write data %s", text);
+        ATCMD_LOG_AS("atcmder_Tx_process", LOG_TAG, ATCMD_LEVEL_ERROR,
+                     "wifi fifotx fails to write data %s", text);
         return ATCMDER_TX_WIFI_WRITE_FAILED;
     }
-    ATCMD_LOG_AS("atcmder_Tx_process", LOG_TAG, 4, "wifi fifotx successfully send data %s", text);
+    ATCMD_LOG_AS("atcmder_Tx_process", LOG_TAG, ATCMD_LEVEL_DETAIL,
+                 "wifi fifotx successfully send data %s", text);
     return ATCMDER_TX_OK;
 }
 
@@ -86,13 +87,14 @@ uint32_t send_wifi_client(const char *text) {
 // so a failure shows both lines; the two branches keep their own texts.
 uint32_t send_wifi_server(const char *text) {
     if (link_load(g_fifo_tx_fd) == -1) {
-        ATCMD_LOG_AS("atcmder_Tx_process", LOG_TAG, 0, "wifi fifo is not opened!");
+        ATCMD_LOG_AS("atcmder_Tx_process", LOG_TAG, ATCMD_LEVEL_ERROR, "wifi fifo is not opened!");
         return ATCMDER_TX_WIFI_CLOSED;
     }
     const bool written = write_fifo(text);
-    ATCMD_LOG_AS("atcmder_Tx_process", LOG_TAG, 4, "wifi fifotx successfully send data %s", text);
+    ATCMD_LOG_AS("atcmder_Tx_process", LOG_TAG, ATCMD_LEVEL_DETAIL,
+                 "wifi fifotx successfully send data %s", text);
     if (!written) {
-        ATCMD_LOG_AS("atcmder_Tx_process", LOG_TAG, 0,
+        ATCMD_LOG_AS("atcmder_Tx_process", LOG_TAG, ATCMD_LEVEL_ERROR,
                      "atcmder_Tx_process fifotx fail to send data %s", text);
         return ATCMDER_TX_WIFI_WRITE_FAILED;
     }
@@ -130,7 +132,8 @@ void watch_for_answer(AtCmder_t *cmd) {
     cmd->tv_sec = static_cast<int32_t>(now.tv_sec);
     cmd->tv_usec = static_cast<int32_t>(now.tv_usec);
     atcmder_send_to_timeout(cmd);
-    ATCMD_LOG_AS("atcmder_Tx_thread", LOG_TAG, 4, "Timeout buf enqueued cmd %s", cmd->data);
+    ATCMD_LOG_AS("atcmder_Tx_thread", LOG_TAG, ATCMD_LEVEL_DETAIL, "Timeout buf enqueued cmd %s",
+                 cmd->data);
 }
 
 // A Wi-Fi peer that closed its end of the FIFO must not end the hosting process: with SIGPIPE
@@ -146,7 +149,7 @@ void block_sigpipe(void) {
 
 void *atcmder_Tx_thread(void * /*arg*/) {
     prctl(PR_SET_NAME, "Tx_thread");
-    ATCMD_LOG(3, "atcmder_Tx_thread thread is running");
+    ATCMD_LOG(ATCMD_LEVEL_STATE, "atcmder_Tx_thread thread is running");
     block_sigpipe();
     char text[AT_LINE_BUF_SIZE];
     AtCmder_t cmd = {};
@@ -158,7 +161,8 @@ void *atcmder_Tx_thread(void * /*arg*/) {
             if (atcmder_dequeue(&Tx_head, &g_txqueue_mutex, &cmd) != ATCMDER_QUEUE_OK) continue;
             if (awaits_answer(cmd, g_patcmd_dev->system_status.platform)) watch_for_answer(&cmd);
             if (atcmder_Tx_process(&cmd) == ATCMDER_TX_OK) {
-                ATCMD_LOG(3, "atcmder_Tx_thread send cmd success,dest is %u, mode is %d, cmd is %s",
+                ATCMD_LOG(ATCMD_LEVEL_STATE,
+                          "atcmder_Tx_thread send cmd success,dest is %u, mode is %d, cmd is %s",
                           cmd.dest, link_load(g_patcmd_dev->system_status.mode), text);
             }
         }
@@ -168,12 +172,13 @@ void *atcmder_Tx_thread(void * /*arg*/) {
 
 uint32_t atcmder_Tx_process(AtCmder_t *cmd) {
     if (cmd == nullptr || cmd->data == nullptr) {
-        ATCMD_LOG(0, "atcmder_Tx_process got a NULL record or text, nothing sent\n");
+        ATCMD_LOG(ATCMD_LEVEL_ERROR,
+                  "atcmder_Tx_process got a NULL record or text, nothing sent\n");
         return ATCMDER_TX_OK;
     }
     const struct atcmdprocess_device *dev = g_patcmd_dev;
     if (dev == nullptr) {
-        ATCMD_LOG(0, "atcmder_Tx_process without a device, nothing sent\n");
+        ATCMD_LOG(ATCMD_LEVEL_ERROR, "atcmder_Tx_process without a device, nothing sent\n");
         return ATCMDER_TX_OK;
     }
     const int32_t platform = dev->system_status.platform;

@@ -32,7 +32,7 @@ struct UartLine {
 
 void deliver(void *ctx, char *text, size_t len) {
     auto *line = static_cast<UartLine *>(ctx);
-    ATCMD_LOG_AS("atcmder_uartRx_thread", LOG_TAG, 3,
+    ATCMD_LOG_AS("atcmder_uartRx_thread", LOG_TAG, ATCMD_LEVEL_STATE,
                  "Uart rcv data length is %zu, receive data is %s", len, text);
     memset(&line->cmd, 0, sizeof line->cmd);
     line->cmd.source = AT_NODE_ACCESSORY;
@@ -41,7 +41,7 @@ void deliver(void *ctx, char *text, size_t len) {
 }
 
 void too_long(void * /*ctx*/, const char *held) {
-    ATCMD_LOG_AS("atcmder_uartRx_thread", LOG_TAG, 3,
+    ATCMD_LOG_AS("atcmder_uartRx_thread", LOG_TAG, ATCMD_LEVEL_STATE,
                  "Uart receive data length is too long, skip it, receive data is %s ", held);
 }
 
@@ -59,7 +59,7 @@ int read_uart(struct at_rx_buffer *rx) {
 // Closes the dead line and opens it again; a line that will not open is reported upward and
 // left at -1 (UART_init may leave the number of a descriptor it closed itself).
 void reopen_uart(void) {
-    ATCMD_LOG_AS("atcmder_uartRx_thread", LOG_TAG, 3,
+    ATCMD_LOG_AS("atcmder_uartRx_thread", LOG_TAG, ATCMD_LEVEL_STATE,
                  "uart cannot receive data, uart will be re-init!");
     if (g_uart_fd != -1) close(g_uart_fd);
     g_uart_fd = -1;
@@ -77,7 +77,7 @@ void *atcmder_uartRx_thread(void * /*arg*/) {
     UartLine line;
     memset(&rx, 0, sizeof rx);
     memset(&line, 0, sizeof line);
-    ATCMD_LOG(3, "atcmder_uartRx_thread is running!");
+    ATCMD_LOG(ATCMD_LEVEL_STATE, "atcmder_uartRx_thread is running!");
     for (;;) {
         int n = read_uart(&rx);
         while (n < 1) {

@@ -46,7 +46,7 @@ constexpr EngineThread kEngineThreads[] = {
 
 int atcmder_hal_open(void) {
     int result = 0;
-    ATCMD_LOG(3, "func is atcmder_hal_open.");
+    ATCMD_LOG(ATCMD_LEVEL_STATE, "func is atcmder_hal_open.");
     memset(&g_corvel_devInfo, 0, sizeof g_corvel_devInfo);
 
     sigset_t supervisor_signals;
@@ -66,19 +66,20 @@ int atcmder_hal_open(void) {
     // Every thread created from here on inherits the block, so only the supervisor's sigwait
     // ever takes these signals.
     if (pthread_sigmask(SIG_BLOCK, &supervisor_signals, nullptr) != 0) {
-        ATCMD_LOG(0, "!! Set pthread mask failed\n");
+        ATCMD_LOG(ATCMD_LEVEL_ERROR, "!! Set pthread mask failed\n");
     }
 
     const bool uart_platform = g_patcmd_dev->system_status.platform == PLATFORM_UART;
     for (const EngineThread &t : kEngineThreads) {
         if (t.uart_platform_only && !uart_platform) continue;
         if (pthread_create(t.handle, nullptr, t.body, nullptr) != 0) {
-            ATCMD_LOG(0, "%s", t.failure);
+            ATCMD_LOG(ATCMD_LEVEL_ERROR, "%s", t.failure);
             result = kHalOpenThreadFailed;
         }
     }
 
-    ATCMD_LOG(3, "g_patcmd_dev->system_status.platform is %d", g_patcmd_dev->system_status.platform);
+    ATCMD_LOG(ATCMD_LEVEL_STATE, "g_patcmd_dev->system_status.platform is %d",
+              g_patcmd_dev->system_status.platform);
     if (g_patcmd_dev->system_status.platform == PLATFORM_VUART) dev_hotplug_init();
     return result;
 }

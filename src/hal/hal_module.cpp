@@ -39,17 +39,17 @@ struct hw_module_t HMI = {
 
 int atcmdprocess_cmd_from_hidl(const AtCmder_t *cmd) {
     if (cmd == nullptr) {
-        ATCMD_LOG(0, "atcmdprocess_cmd_from_hidl got a NULL record, dropped\n");
+        ATCMD_LOG(ATCMD_LEVEL_ERROR, "atcmdprocess_cmd_from_hidl got a NULL record, dropped\n");
         return kOpenFailed;
     }
     // An empty line on a queue stops that queue for good (its dequeue keeps the lock), so one
     // from the upper layer is refused here, at the door, and the transmit path keeps running.
     if (cmd->data != nullptr && cmd->data[0] == '\0') {
-        ATCMD_LOG(0, "atcmdprocess_cmd_from_hidl got an empty line, dropped\n");
+        ATCMD_LOG(ATCMD_LEVEL_ERROR, "atcmdprocess_cmd_from_hidl got an empty line, dropped\n");
         return 0;
     }
     // The upper layer's request as it came, so that a log read later holds every input.
-    ATCMD_LOG(3,
+    ATCMD_LOG(ATCMD_LEVEL_STATE,
               "atcmdprocess_cmd_from_hidl type is %u, dest is %u, flag is %u, cmd_id is %u, "
               "seq num is %u, data is %s",
               cmd->type, cmd->dest, cmd->flag, cmd->cmd_id, cmd->seq_num,
@@ -68,16 +68,16 @@ int atcmdprocess_close(struct hw_device_t *device) {
 
 int atcmdprocess_open(const struct hw_module_t *module, const char * /*id*/,
                       struct hw_device_t **device) {
-    ATCMD_LOG(3, "atcmdprocess_open");
+    ATCMD_LOG(ATCMD_LEVEL_STATE, "atcmdprocess_open");
     log_file_init(ATCMD_LOG_DIR, ATCMD_LOG_FILE);
     if (device == nullptr) {
-        ATCMD_LOG(0, "NO device on open");
+        ATCMD_LOG(ATCMD_LEVEL_ERROR, "NO device on open");
         return kOpenFailed;
     }
     auto *dev =
         static_cast<struct atcmdprocess_device *>(calloc(1, sizeof(struct atcmdprocess_device)));
     if (dev == nullptr) {
-        ATCMD_LOG(0, "out of memory");
+        ATCMD_LOG(ATCMD_LEVEL_ERROR, "out of memory");
         return kOpenFailed;
     }
     dev->common.tag = HARDWARE_DEVICE_TAG;

@@ -23,6 +23,7 @@
 
 #include "device/device.h"
 #include "device/link_words.h"
+#include "device/sys_io.h"
 #include "hotplug/hotplug.h"
 #include "hotplug/hotplug_internal.h"
 #include "log/atcmd_log.h"
@@ -51,11 +52,6 @@ constexpr int kHotplugEpollFailed = -6;
 constexpr int kHotplugInotifyFailed = -22;
 constexpr int kHotplugThreadFailed = -4;
 
-void close_and_clear(int *fd) {
-    if (*fd != -1) close(*fd);
-    *fd = -1;
-}
-
 // The plug signal for port `n`: its number is recorded first so the supervisor opens it.
 void announce_plug(int32_t n) {
     link_store(g_dev_ACM, n);
@@ -64,13 +60,14 @@ void announce_plug(int32_t n) {
 
 void on_created(const struct inotify_event *ev, const char *name) {
     if (ev->mask & IN_ISDIR) {
-        ATCMD_LOG_AS("dev_event_process", LOG_TAG, 4, "New directory %s created.", name);
+        ATCMD_LOG_AS("dev_event_process", LOG_TAG, ATCMD_LEVEL_DETAIL, "New directory %s created.",
+                     name);
         return;
     }
     const int32_t n = parse_dev_name(name);
     if (n == -1) return;
-    ATCMD_LOG_AS("dev_event_process", LOG_TAG, 4, "New file %s created, dev_ACM is %ld.", name,
-                 static_cast<long>(n));
+    ATCMD_LOG_AS("dev_event_process", LOG_TAG, ATCMD_LEVEL_DETAIL,
+                 "New file %s created, dev_ACM is %ld.", name, static_cast<long>(n));
     acm_entry_made(n);  // before the signal, so that the supervisor's look finds it counted
     announce_plug(n);
 }
@@ -78,14 +75,15 @@ void on_created(const struct inotify_event *ev, const char *name) {
 // The port number is left as it was; only the supervisor's unplug changes the link.
 void on_deleted(const struct inotify_event *ev, const char *name) {
     if (ev->mask & IN_ISDIR) {
-        ATCMD_LOG_AS("dev_event_process", LOG_TAG, 4, "Directory %s deleted.", name);
+        ATCMD_LOG_AS("dev_event_process", LOG_TAG, ATCMD_LEVEL_DETAIL, "Directory %s deleted.",
+                     name);
         return;
     }
-    ATCMD_LOG_AS("dev_event_process", LOG_TAG, 4, "File %s deleted.", name);
+    ATCMD_LOG_AS("dev_event_process", LOG_TAG, ATCMD_LEVEL_DETAIL, "File %s deleted.", name);
     if (parse_dev_name(name) == -1) return;
     atcmd_signal_supervisor(ATCMD_SIG_UNPLUG);
     // The text predates the receive thread ending by itself; it is kept as operators know it.
-    ATCMD_LOG_AS("dev_event_process", LOG_TAG, 4,
+    ATCMD_LOG_AS("dev_event_process", LOG_TAG, ATCMD_LEVEL_DETAIL,
                  "event->name %s unplugged, vuart thread has been killed, g_vuart_fd is %d", name,
                  link_load(g_vuart_fd));
 }
@@ -116,31 +114,32 @@ int32_t acm_port_number(const char *name) {
 
 int32_t parse_dev_name(const char *name) {
     const int32_t n = acm_port_number(name);
-    if (n == kAcmPortOutOfRange) ATCMD_LOG(0, "%s: port number out of range, ignored", name);
+    if (n == kAcmPortOutOfRange)
+        ATCMD_LOG(ATCMD_LEVEL_ERROR, "%s: port number out of range, ignored", name);
     if (n < 0) return -1;
     {
         std::lock_guard<std::mutex> lock(g_dev_ACM_name_mutex);
         snprintf(g_dev_ACM_name, sizeof g_dev_ACM_name, "%s", name);
     }
-    ATCMD_LOG(4, "file ttyACM%ld found or remove! g_dev_ACM_name: %.63s", static_cast<long>(n),
-              name);
+    ATCMD_LOG(ATCMD_LEVEL_DETAIL, "file ttyACM%ld found or remove! g_dev_ACM_name: %.63s",
+              static_cast<long>(n), name);
     return n;
 }
 
 int scan_acm_devices(void) {
-    ATCMD_LOG(3, "scan_acm_devices begin!");
+    ATCMD_LOG(ATCMD_LEVEL_STATE, "scan_acm_devices begin!");
     char path[ATCMD_ROOTED_PATH_MAX];
     DIR *dir = atcmd_root_path(kDevDir, path, sizeof path) == 0 ? opendir(path) : nullptr;
     if (dir == nullptr) {
         // Nothing can be read from a directory that did not open: no port is announced.
-        ATCMD_LOG(0, "Could not open directory\n");
+        ATCMD_LOG(ATCMD_LEVEL_ERROR, "Could not open directory\n");
         return 0;
     }
     int found = 0;
     while (const struct dirent *entry = readdir(dir)) {
         const int32_t n = parse_dev_name(entry->d_name);
         if (n == -1) continue;
-        ATCMD_LOG(4, "ttyACM %ld is found", static_cast<long>(n));
+        ATCMD_LOG(ATCMD_LEVEL_DETAIL, "ttyACM %ld is found", static_cast<long>(n));
         announce_plug(n);
         found = 1;
     }
@@ -152,27 +151,25 @@ int inotify_input_event(void) {
     const int fd = inotify_init1(IN_CLOEXEC);
     if (fd < 0) {
         const int err = errno;
-        ATCMD_LOG(0, "inotify_init, errno:%d, errstr:%s\n", err, strerror(err));
+        ATCMD_LOG(ATCMD_LEVEL_ERROR, "inotify_init, errno:%d, errstr:%s\n", err, strerror(err));
         return -1;
     }
     char path[ATCMD_ROOTED_PATH_MAX];
     // Without the watch the descriptor simply never reports; discovery then rests on the scans.
     if (atcmd_root_path(kDevDir, path, sizeof path) != 0 ||
         inotify_add_watch(fd, path, kWatchMask) < 0) {
-        ATCMD_LOG(0, "no watch on %s, hot plug will not be seen", kDevDir);
+        ATCMD_LOG(ATCMD_LEVEL_ERROR, "no watch on %s, hot plug will not be seen", kDevDir);
     }
     return fd;
 }
 
 int dev_event_process(void) {
     alignas(struct inotify_event) char buf[kEventBufSize];
-    ssize_t n;
-    do {
-        n = read(link_load(fd_inotify_input), buf, sizeof buf);
-    } while (n < 0 && errno == EINTR);
+    const int fd = link_load(fd_inotify_input);
+    const ssize_t n = retry_eintr([&] { return read(fd, buf, sizeof buf); });
     if (n < 0) {
         const int err = errno;
-        ATCMD_LOG(0, "read, errno:%d, errstr:%s", err, strerror(err));
+        ATCMD_LOG(ATCMD_LEVEL_ERROR, "read, errno:%d, errstr:%s", err, strerror(err));
         return -1;
     }
     const size_t total = static_cast<size_t>(n);
@@ -180,7 +177,8 @@ int dev_event_process(void) {
     while (at + sizeof(struct inotify_event) <= total) {
         const auto *ev = reinterpret_cast<const struct inotify_event *>(buf + at);
         if (ev->len > total - at - sizeof *ev) {
-            ATCMD_LOG(0, "inotify record at %zu runs past the %zu bytes read, rest dropped", at,
+            ATCMD_LOG(ATCMD_LEVEL_ERROR,
+                      "inotify record at %zu runs past the %zu bytes read, rest dropped", at,
                       total);
             break;
         }
@@ -192,7 +190,7 @@ int dev_event_process(void) {
 
 void *handler_acm_devs_epoll(void * /*arg*/) {
     prctl(PR_SET_NAME, "devEpoll_process");
-    ATCMD_LOG(3, "handler_acm_devs_epoll thread is running");
+    ATCMD_LOG(ATCMD_LEVEL_STATE, "handler_acm_devs_epoll thread is running");
     struct epoll_event events[kMaxEpollEvents];
     for (;;) {
         const int n = epoll_wait(link_load(epfd_hid_devs), events, kMaxEpollEvents, -1);
@@ -205,41 +203,40 @@ void *handler_acm_devs_epoll(void * /*arg*/) {
 
 int dev_hotplug_init(void) {
     scan_acm_devices();  // ports present at start are announced before the watch exists
-    int epfd = epoll_create1(EPOLL_CLOEXEC);
-    if (epfd < 0) {
+    UniqueFd epfd(epoll_create1(EPOLL_CLOEXEC));
+    if (epfd.get() < 0) {
         const int err = errno;
-        ATCMD_LOG(0, "Create epoll instance, errno:%d, errstr:%s\n", err, strerror(err));
+        ATCMD_LOG(ATCMD_LEVEL_ERROR, "Create epoll instance, errno:%d, errstr:%s\n", err,
+                  strerror(err));
         return kHotplugEpollFailed;
     }
-    int ifd = inotify_input_event();
-    if (ifd == -1) {
-        ATCMD_LOG(0, "inotify_input_event\n");
-        close_and_clear(&epfd);
+    UniqueFd ifd(inotify_input_event());
+    if (ifd.get() == -1) {
+        ATCMD_LOG(ATCMD_LEVEL_ERROR, "inotify_input_event\n");
         return kHotplugInotifyFailed;
     }
     // An input-device grab on an inotify descriptor has no effect; it has always been issued.
-    (void)ioctl(ifd, EVIOCGRAB, 0);
+    (void)ioctl(ifd.get(), EVIOCGRAB, 0);
     struct epoll_event ev = {};
     ev.events = EPOLLIN | EPOLLET;
-    ev.data.fd = ifd;
-    if (epoll_ctl(epfd, EPOLL_CTL_ADD, ifd, &ev) != 0) {
+    ev.data.fd = ifd.get();
+    if (epoll_ctl(epfd.get(), EPOLL_CTL_ADD, ifd.get(), &ev) != 0) {
         const int err = errno;
-        ATCMD_LOG(0, "Set epoll_ctl, errno:%d, errstr:%s\n", err, strerror(err));
-        close_and_clear(&ifd);
-        close_and_clear(&epfd);
+        ATCMD_LOG(ATCMD_LEVEL_ERROR, "Set epoll_ctl, errno:%d, errstr:%s\n", err, strerror(err));
         return kHotplugEpollFailed;
     }
-    link_store(epfd_hid_devs, epfd);
-    link_store(fd_inotify_input, ifd);
+    link_store(epfd_hid_devs, epfd.get());
+    link_store(fd_inotify_input, ifd.get());
     pthread_t thread;
     if (pthread_create(&thread, nullptr, handler_acm_devs_epoll, nullptr) != 0) {
-        ATCMD_LOG(0, "pthread_create error\n");
+        ATCMD_LOG(ATCMD_LEVEL_ERROR, "pthread_create error\n");
         link_store(fd_inotify_input, -1);
         link_store(epfd_hid_devs, -1);
-        close_and_clear(&ifd);
-        close_and_clear(&epfd);
         return kHotplugThreadFailed;
     }
+    // The thread and the globals own them from here on.
+    epfd.release();
+    ifd.release();
     link_store(g_find_acmdev_thread, thread);
     return 0;
 }
@@ -247,7 +244,7 @@ int dev_hotplug_init(void) {
 void notify_usbevent(void) {
     usbdev_sts_t sts = {link_load(g_patcmd_dev->usb_connected),
                         link_load(g_patcmd_dev->usb_status)};
-    ATCMD_LOG(4, "Notify usb evt %d %d", sts.connected, sts.status);
+    ATCMD_LOG(ATCMD_LEVEL_DETAIL, "Notify usb evt %d %d", sts.connected, sts.status);
     AT_CMD_CbMsg_t msg = {AT_MSG_USBSTATE, 0, &sts};
     atcmd_notify(&msg);
 }

@@ -16,6 +16,7 @@
 
 #include <array>
 
+#include "device/sys_io.h"
 #include "hotplug/hotplug.h"
 #include "log/atcmd_log.h"
 #include "platform/root_path.h"
@@ -119,10 +120,7 @@ bool acm_is_accessory_port(int32_t number) {
 
 bool acm_port_alive(int32_t number, int fd) {
     struct pollfd p = {fd, POLLIN, 0};
-    int n;
-    do {
-        n = poll(&p, 1, 0);
-    } while (n < 0 && errno == EINTR);
+    const int n = retry_eintr([&] { return poll(&p, 1, 0); });
     if (n < 0 || (p.revents & kPortGone) != 0) return false;
     char path[ATCMD_ROOTED_PATH_MAX];
     struct stat held, now;

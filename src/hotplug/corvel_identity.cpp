@@ -11,6 +11,7 @@
 #include <string.h>
 #include <unistd.h>
 
+#include "device/sys_io.h"
 #include "hotplug/hotplug.h"
 #include "hotplug/hotplug_internal.h"
 #include "log/atcmd_log.h"
@@ -30,30 +31,26 @@ bool uevent_path(const char *name, char *out, size_t size) {
     const int n = snprintf(out, size, "/sys/class/tty/%s/device/uevent", name);
     if (n > 0 && static_cast<size_t>(n) < size) return true;
     // A truncated path would name some other node; such a port cannot be the accessory's.
-    ATCMD_LOG_AS("corvel_plugged", LOG_TAG, 0, "uevent path of %s does not fit %zu bytes, ignored",
-                 name, size);
+    ATCMD_LOG_AS("corvel_plugged", LOG_TAG, ATCMD_LEVEL_ERROR,
+                 "uevent path of %s does not fit %zu bytes, ignored", name, size);
     return false;
 }
 
 // Reads at most size - 1 bytes once; the text is always terminated. False when nothing opened.
 bool read_uevent(const char *as_written, char *text, size_t size) {
-    const int fd = atcmd_open_rooted(as_written, O_RDONLY | O_CLOEXEC);
-    if (fd < 0) {
-        ATCMD_LOG_AS("corvel_plugged", LOG_TAG, 0, "open node fail.");
+    const UniqueFd fd(atcmd_open_rooted(as_written, O_RDONLY | O_CLOEXEC));
+    if (fd.get() < 0) {
+        ATCMD_LOG_AS("corvel_plugged", LOG_TAG, ATCMD_LEVEL_ERROR, "open node fail.");
         return false;
     }
-    ssize_t n;
-    do {
-        n = read(fd, text, size - 1);
-    } while (n < 0 && errno == EINTR);
-    close(fd);
+    const ssize_t n = retry_eintr([&] { return read(fd.get(), text, size - 1); });
     if (n < 0) {
-        ATCMD_LOG_AS("corvel_plugged", LOG_TAG, 0, "read of %s failed: %s", as_written,
-                     strerror(errno));
+        ATCMD_LOG_AS("corvel_plugged", LOG_TAG, ATCMD_LEVEL_ERROR, "read of %s failed: %s",
+                     as_written, strerror(errno));
         return false;
     }
     text[n] = '\0';
-    ATCMD_LOG_AS("corvel_plugged", LOG_TAG, 4, "buf_read %s", text);
+    ATCMD_LOG_AS("corvel_plugged", LOG_TAG, ATCMD_LEVEL_DETAIL, "buf_read %s", text);
     return true;
 }
 
@@ -72,11 +69,11 @@ int corvel_plugged(void) {
 int corvel_port_matches(const char *name) {
     char node[kNodePathSize] = {};
     if (!uevent_path(name, node, sizeof node)) return 0;
-    ATCMD_LOG_AS("corvel_plugged", LOG_TAG, 4, "ttyACM node name:%s", node);
+    ATCMD_LOG_AS("corvel_plugged", LOG_TAG, ATCMD_LEVEL_DETAIL, "ttyACM node name:%s", node);
     char text[kUeventBufSize] = {};
     if (!read_uevent(node, text, sizeof text)) return 0;
     char match[kMatchSize] = {};
     snprintf(match, sizeof match, "%s%s/%s", kProductKey, kCorvelVendorId, kCorvelProductId);
-    ATCMD_LOG_AS("corvel_plugged", LOG_TAG, 4, "buf_match %s", match);
+    ATCMD_LOG_AS("corvel_plugged", LOG_TAG, ATCMD_LEVEL_DETAIL, "buf_match %s", match);
     return strstr(text, match) != nullptr ? 1 : 0;
 }

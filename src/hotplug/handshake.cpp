@@ -10,6 +10,6 @@
 #include "supervision/supervision.h"
 
 int atcmdprocess_amlogic_shake_hands(void) {
-    ATCMD_LOG(4, "atcmdprocess_amlogic_shake_hands.");
+    ATCMD_LOG(ATCMD_LEVEL_DETAIL, "atcmdprocess_amlogic_shake_hands.");
     return atcmd_signal_supervisor(ATCMD_SIG_HANDSHAKE);
 }

@@ -14,6 +14,7 @@
 
 #include "device/device.h"
 #include "device/link_words.h"
+#include "device/sys_io.h"
 #include "engine/engine.h"
 #include "hotplug/hotplug.h"
 #include "log/atcmd_log.h"
@@ -39,7 +40,8 @@ struct VuartLine {
 
 void deliver(void *ctx, char *text, size_t len) {
     auto *line = static_cast<VuartLine *>(ctx);
-    VUART_RX_LOG(3, "Vuart receive data length is %zu, receive data is %s", len, text);
+    VUART_RX_LOG(ATCMD_LEVEL_STATE, "Vuart receive data length is %zu, receive data is %s", len,
+                 text);
     memset(line, 0, sizeof *line);
     line->cmd.source = AT_NODE_ACCESSORY;
     line->cmd.data = line->text;
@@ -47,7 +49,8 @@ void deliver(void *ctx, char *text, size_t len) {
 }
 
 void too_long(void * /*ctx*/, const char *held) {
-    VUART_RX_LOG(3, "Vuart receive data length is too long, skip it, receive data is %s ", held);
+    VUART_RX_LOG(ATCMD_LEVEL_STATE,
+                 "Vuart receive data length is too long, skip it, receive data is %s ", held);
 }
 
 // Waits at most one retry pace for `fd` (the thread's copy of the port held) to have something
@@ -66,7 +69,7 @@ bool port_ready(int32_t fd) {
 // the unplug was handled, so no second one is asked for.
 bool port_may_return(const struct VuartSeen *seen) {
     if (vuart_held_changed(seen)) return true;  // the failure was the old port's
-    VUART_RX_LOG(3, "Vuart cannot receive data!");
+    VUART_RX_LOG(ATCMD_LEVEL_STATE, "Vuart cannot receive data!");
     usleep(kReceiveRetryUs);
     if (vuart_held_changed(seen)) return true;
     if (link_load(g_patcmd_dev->usb_connected) == 0) return false;
@@ -76,7 +79,7 @@ bool port_may_return(const struct VuartSeen *seen) {
 // Both exits clear the handle before the supervisor is asked to look, so that a look which
 // finds the port still held (a re-plug won the race) starts a new receive thread for it.
 void *disappear_exit(void) {
-    VUART_RX_LOG(3, "ACM device disappear, atcmder_VuartRx_thread will die!");
+    VUART_RX_LOG(ATCMD_LEVEL_STATE, "ACM device disappear, atcmder_VuartRx_thread will die!");
     atcmd_clear_own_handle(&g_VuartRx_thread);
     atcmd_signal_supervisor(ATCMD_SIG_UNPLUG);
     return nullptr;
@@ -87,7 +90,7 @@ void *disappear_exit(void) {
 void *cannot_find_exit(void) {
     atcmd_clear_own_handle(&g_VuartRx_thread);
     if (link_load(g_vuart_fd) != -1) atcmd_signal_supervisor(ATCMD_SIG_UNPLUG);
-    VUART_RX_LOG(3, "ACM device can not find, atcmder_VuartRx_thread will die!");
+    VUART_RX_LOG(ATCMD_LEVEL_STATE, "ACM device can not find, atcmder_VuartRx_thread will die!");
     return nullptr;
 }
 
@@ -95,7 +98,7 @@ void *cannot_find_exit(void) {
 
 void *atcmder_VuartRx_thread(void * /*arg*/) {
     prctl(PR_SET_NAME, "VuartRx_thread");
-    ATCMD_LOG(3, "atcmder_VuartRx_thread is running!");
+    ATCMD_LOG(ATCMD_LEVEL_STATE, "atcmder_VuartRx_thread is running!");
     pthread_detach(pthread_self());
 
     struct at_rx_buffer rx;
@@ -106,18 +109,18 @@ void *atcmder_VuartRx_thread(void * /*arg*/) {
     // re-plug or a switch to another port is picked up by this thread. It reads its own copy of
     // the descriptor, taken anew whenever the port held changes.
     struct VuartSeen seen = {0, -1};
-    int32_t fd = -1;
+    UniqueFd fd;
     for (;;) {
-        if (fd == -1 || vuart_held_changed(&seen)) {
-            if (fd != -1) close(fd);
-            fd = vuart_copy(&seen);
-            if (fd == -1) break;
+        if (fd.get() == -1 || vuart_held_changed(&seen)) {
+            fd.reset();  // the old copy is closed before the new one is taken, as always
+            fd.reset(vuart_copy(&seen));
+            if (fd.get() == -1) break;
         }
-        if (!port_ready(fd)) continue;
-        const int n = VUART_Recv(fd, rx.data + rx.fill, at_rx_room(&rx), kNoWait);
+        if (!port_ready(fd.get())) continue;
+        const int n = VUART_Recv(fd.get(), rx.data + rx.fill, at_rx_room(&rx), kNoWait);
         if (n < 1) {
             if (port_may_return(&seen)) continue;  // what was held of a line is kept
-            close(fd);
+            fd.reset();
             return disappear_exit();
         }
         at_rx_frame(&rx, static_cast<size_t>(n), deliver, too_long, &line);

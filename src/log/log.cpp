@@ -120,7 +120,7 @@ int log_file_init(const char *dir, const char *name) {
     char command[ATCMD_ROOTED_PATH_MAX + 16];
 
     if (atcmd_root_path(dir, rooted, sizeof rooted) != 0) {
-        ATCMD_LOG(0, "log directory %s does not fit the path buffer\n", dir);
+        ATCMD_LOG(ATCMD_LEVEL_ERROR, "log directory %s does not fit the path buffer\n", dir);
         return 0;
     }
     // The directory is quoted so that a sandbox root with blanks still works.
@@ -129,7 +129,7 @@ int log_file_init(const char *dir, const char *name) {
 
     snprintf(written, sizeof written, "%s/%s", dir, name);
     if (atcmd_root_path(written, rooted, sizeof rooted) != 0) rooted[0] = '\0';
-    ATCMD_LOG(3, "log_filename=%s\n", rooted);
+    ATCMD_LOG(ATCMD_LEVEL_STATE, "log_filename=%s\n", rooted);
 
     if (fd_logfile != nullptr) {
         fclose(fd_logfile);

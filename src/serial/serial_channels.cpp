@@ -17,6 +17,7 @@
 #include <unistd.h>
 
 #include "device/link_words.h"
+#include "device/sys_io.h"
 #include "log/atcmd_log.h"
 #include "platform/root_path.h"
 #include "serial/serial.h"
@@ -87,31 +88,32 @@ int open_port(const char *as_written) { return atcmd_open_rooted(as_written, kPo
 // Steps after a successful open: blocking mode, terminal check, line setting. On failure the
 // descriptor is closed but the caller's copy keeps its number, as callers expect.
 int configure_port(const Channel &ch, const char *as_written, int32_t fd) {
+    UniqueFd owned(fd);  // closed on every failure; given back to the caller on success
     // fcntl runs once more for each sink that prints the line; it is idempotent.
     if (fcntl(fd, F_SETFL, 0) < 0) {
-        ATCMD_LOG_AS(ch.init_name, ch.tag, 4, "serial fcntl failed!");
+        ATCMD_LOG_AS(ch.init_name, ch.tag, ATCMD_LEVEL_DETAIL, "serial fcntl failed!");
     } else {
-        ATCMD_LOG_AS(ch.init_name, ch.tag, 4, "serial fcntl=%d%s", fcntl(fd, F_SETFL, 0), ch.fcntl_end);
+        ATCMD_LOG_AS(ch.init_name, ch.tag, ATCMD_LEVEL_DETAIL, "serial fcntl=%d%s",
+                     fcntl(fd, F_SETFL, 0), ch.fcntl_end);
     }
     if (!isatty(fd)) {
-        ATCMD_LOG_AS(ch.init_name, ch.tag, 4, "%s", ch.not_a_tty);
-        close(fd);
+        ATCMD_LOG_AS(ch.init_name, ch.tag, ATCMD_LEVEL_DETAIL, "%s", ch.not_a_tty);
         return -1;
     }
     if (ch.opened_shows_fd) {
-        ATCMD_LOG_AS(ch.init_name, ch.tag, 4, "%s%d!", ch.opened, fd);
+        ATCMD_LOG_AS(ch.init_name, ch.tag, ATCMD_LEVEL_DETAIL, "%s%d!", ch.opened, fd);
     } else {
-        ATCMD_LOG_AS(ch.init_name, ch.tag, 4, "%s", ch.opened);
+        ATCMD_LOG_AS(ch.init_name, ch.tag, ATCMD_LEVEL_DETAIL, "%s", ch.opened);
     }
     if (ch.set_opt(fd, kLineSpeed, kLineDataBits, kLineParity, kLineStopBits) == -1) {
-        ATCMD_LOG_AS(ch.init_name, ch.tag, 4, "%s", ch.set_opt_error);
-        close(fd);
+        ATCMD_LOG_AS(ch.init_name, ch.tag, ATCMD_LEVEL_DETAIL, "%s", ch.set_opt_error);
         return -1;
     }
     tcflush(fd, TCIOFLUSH);
     fcntl(fd, F_SETFL, 0);
-    ATCMD_LOG_AS(ch.init_name, ch.tag, 3, "Init %s %s successfully, %s fd is %d ", ch.link_name,
-                 as_written, ch.link_name, fd);
+    ATCMD_LOG_AS(ch.init_name, ch.tag, ATCMD_LEVEL_STATE, "Init %s %s successfully, %s fd is %d ",
+                 ch.link_name, as_written, ch.link_name, fd);
+    owned.release();
     return 0;
 }
 
@@ -120,8 +122,9 @@ int configure_port(const Channel &ch, const char *as_written, int32_t fd) {
 int serial_recv(const char *func, int32_t fd, char *buf, size_t len, int32_t wait_ms) {
     if (fd < 0 || fd >= FD_SETSIZE) {
         // A descriptor outside the select set is a caller's bug that would write past it.
-        ATCMD_LOG_AS(func, LOG_TAG, 0, "serial receive on descriptor %d outside 0..%d, giving up",
-                     fd, FD_SETSIZE - 1);
+        ATCMD_LOG_AS(func, LOG_TAG, ATCMD_LEVEL_ERROR,
+                     "serial receive on descriptor %d outside 0..%d, giving up", fd,
+                     FD_SETSIZE - 1);
         abort();
     }
     struct timeval tv;
@@ -137,20 +140,18 @@ int serial_recv(const char *func, int32_t fd, char *buf, size_t len, int32_t wai
 // `func` and `tag` are the entry point's name and its channel's tag, which every line carries.
 int serial_send(const char *func, const char *tag, int32_t fd, const char *buf, size_t len) {
     if (buf == nullptr) {
-        ATCMD_LOG_AS(func, tag, 0, "serial send without data, nothing written");
+        ATCMD_LOG_AS(func, tag, ATCMD_LEVEL_ERROR, "serial send without data, nothing written");
         return -1;
     }
-    ssize_t written;
-    do {
-        written = write(fd, buf, len);
-    } while (written < 0 && errno == EINTR);
+    const ssize_t written = retry_eintr([&] { return write(fd, buf, len); });
     if (written < 0 || static_cast<size_t>(written) != len) {
-        ATCMD_LOG_AS(func, tag, 4, "serial write device error\n");
+        ATCMD_LOG_AS(func, tag, ATCMD_LEVEL_DETAIL, "serial write device error\n");
         tcflush(fd, TCOFLUSH);
         return -1;
     }
     // Bounded by len: a caller's text that lacks its terminator is still printed safely.
-    ATCMD_LOG_AS(func, tag, 4, "serial send data is %.*s", static_cast<int>(len), buf);
+    ATCMD_LOG_AS(func, tag, ATCMD_LEVEL_DETAIL, "serial send data is %.*s", static_cast<int>(len),
+                 buf);
     return static_cast<int>(len);
 }
 
@@ -158,12 +159,12 @@ int serial_send(const char *func, const char *tag, int32_t fd, const char *buf, 
 
 int UART_init(int32_t *fd) {
     if (fd == nullptr) {
-        ATCMD_LOG(0, "UART_init without a place for the descriptor");
+        ATCMD_LOG(ATCMD_LEVEL_ERROR, "UART_init without a place for the descriptor");
         return -1;
     }
     *fd = open_port(ATCMD_UART_PATH);
     if (*fd < 0) {
-        ATCMD_LOG(0, "open AMLOGIC UART fails");
+        ATCMD_LOG(ATCMD_LEVEL_ERROR, "open AMLOGIC UART fails");
         return -1;
     }
     return configure_port(kUart, ATCMD_UART_PATH, *fd);
@@ -171,21 +172,24 @@ int UART_init(int32_t *fd) {
 
 int VUART_init(int32_t *fd, long acm_index) {
     if (fd == nullptr) {
-        ATCMD_LOG_TAG(ATCMD_VUART_TAG, 0, "VUART_init without a place for the descriptor");
+        ATCMD_LOG_TAG(ATCMD_VUART_TAG, ATCMD_LEVEL_ERROR,
+                      "VUART_init without a place for the descriptor");
         return -1;
     }
     char path[kVuartPathSize];
     const int n = snprintf(path, sizeof path, ATCMD_VUART_PATH_PREFIX "%ld", acm_index);
     if (n < 0 || static_cast<size_t>(n) >= sizeof path) {
-        ATCMD_LOG_TAG(ATCMD_VUART_TAG, 0, "ACM port number %ld does not fit a %zu-byte path, abort",
-                      acm_index, sizeof path);
+        ATCMD_LOG_TAG(ATCMD_VUART_TAG, ATCMD_LEVEL_ERROR,
+                      "ACM port number %ld does not fit a %zu-byte path, abort", acm_index,
+                      sizeof path);
         abort();
     }
     *fd = open_port(path);
     if (*fd < 0) {
         const int err = errno;  // the log's sinks may change errno between them
-        ATCMD_LOG_TAG(ATCMD_VUART_TAG, 0, "open serial %s fails, error num is %d, error num is %s",
-                      path, *fd, strerror(err));
+        ATCMD_LOG_TAG(ATCMD_VUART_TAG, ATCMD_LEVEL_ERROR,
+                      "open serial %s fails, error num is %d, error num is %s", path, *fd,
+                      strerror(err));
         return -1;
     }
     return configure_port(kVuart, path, *fd);
@@ -206,8 +210,8 @@ int32_t vuart_copy(struct VuartSeen *seen) {
     const int32_t copy = seen->fd == -1 ? -1 : fcntl(seen->fd, F_DUPFD_CLOEXEC, 0);
     pthread_mutex_unlock(&g_vuart_fd_mutex);
     if (seen->fd != -1 && copy < 0) {
-        ATCMD_LOG_TAG(ATCMD_VUART_TAG, 0, "copy of the port's descriptor %d failed: %s", seen->fd,
-                      strerror(errno));
+        ATCMD_LOG_TAG(ATCMD_VUART_TAG, ATCMD_LEVEL_ERROR,
+                      "copy of the port's descriptor %d failed: %s", seen->fd, strerror(errno));
     }
     return copy;
 }

@@ -77,7 +77,7 @@ int32_t set_line(const char *func, const char *tag, int32_t fd, int32_t speed, i
                  char parity, int32_t stop_bits) {
     struct termios current;
     if (tcgetattr(fd, &current) != 0) {
-        ATCMD_LOG_AS(func, tag, 0, "serial SetupSerial 1");
+        ATCMD_LOG_AS(func, tag, ATCMD_LEVEL_ERROR, "serial SetupSerial 1");
         return -1;
     }
 
@@ -88,7 +88,7 @@ int32_t set_line(const char *func, const char *tag, int32_t fd, int32_t speed, i
 
     const DataBits *size = find_row(kDataBits, [&](const DataBits &r) { return r.bits == data_bits; });
     if (size == nullptr) {
-        ATCMD_LOG_AS(func, tag, 4, "Unsupported data size\n");
+        ATCMD_LOG_AS(func, tag, ATCMD_LEVEL_DETAIL, "Unsupported data size\n");
         return -1;
     }
     tio.c_cflag |= size->cflag;
@@ -96,7 +96,7 @@ int32_t set_line(const char *func, const char *tag, int32_t fd, int32_t speed, i
     const Parity *par =
         find_row(kParities, [&](const Parity &r) { return r.upper == upper_parity(parity); });
     if (par == nullptr) {
-        ATCMD_LOG_AS(func, tag, 4, "serial Unsupported parity\n");
+        ATCMD_LOG_AS(func, tag, ATCMD_LEVEL_DETAIL, "serial Unsupported parity\n");
         return -1;
     }
     tio.c_iflag = par->iflag;
@@ -104,14 +104,15 @@ int32_t set_line(const char *func, const char *tag, int32_t fd, int32_t speed, i
 
     const StopBits *stop = find_row(kStopBits, [&](const StopBits &r) { return r.bits == stop_bits; });
     if (stop == nullptr) {
-        ATCMD_LOG_AS(func, tag, 4, "serial Unsupported stop bits\n");
+        ATCMD_LOG_AS(func, tag, ATCMD_LEVEL_DETAIL, "serial Unsupported stop bits\n");
         return -1;
     }
     tio.c_cflag |= stop->cflag;
 
     const SpeedCode *rate = find_row(kSpeeds, [&](const SpeedCode &r) { return r.bps == speed; });
     if (rate == nullptr) {
-        ATCMD_LOG_AS(func, tag, 4, "serial Sorry, Unsupported baud rate, set default 9600!");
+        ATCMD_LOG_AS(func, tag, ATCMD_LEVEL_DETAIL,
+                     "serial Sorry, Unsupported baud rate, set default 9600!");
     }
     const speed_t code = rate != nullptr ? rate->code : kDefaultSpeed;
     cfsetispeed(&tio, code);
@@ -126,7 +127,7 @@ int32_t set_line(const char *func, const char *tag, int32_t fd, int32_t speed, i
         perror("SetupSerial 3");
         return -1;
     }
-    ATCMD_LOG_AS(func, tag, 4, "Serial set done!");
+    ATCMD_LOG_AS(func, tag, ATCMD_LEVEL_DETAIL, "Serial set done!");
     return 0;
 }
 

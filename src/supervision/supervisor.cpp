@@ -43,8 +43,8 @@ constexpr useconds_t kHandshakeGapUs = 50000;  // between the version line and t
     ATCMD_LOG_AS("atcmder_sigProcess_thread", LOG_TAG, threshold, __VA_ARGS__)
 
 void log_cast_mode(const struct atcmdprocess_device *dev) {
-    SUPERVISOR_LOG(3, "Current cast mode is %d",
-                 link_load(dev->system_status.mode));
+    SUPERVISOR_LOG(ATCMD_LEVEL_STATE, "Current cast mode is %d",
+                   link_load(dev->system_status.mode));
 }
 
 // Guards the publication of the handles of threads the supervisor starts and that clear their
@@ -85,7 +85,7 @@ void unplug(struct atcmdprocess_device *dev) {
 // Opens the accessory's port `n` in place of the one held, if any. The new port is opened before
 // the old one is closed, so that a port that fails to open leaves a working one as it was.
 bool open_port(int32_t n) {
-    SUPERVISOR_LOG(4, "hot pluged device is corvel.");
+    SUPERVISOR_LOG(ATCMD_LEVEL_DETAIL, "hot pluged device is corvel.");
     int32_t fd = -1;
     if (VUART_init(&fd, n) != 0) {
         acm_port_unusable(n);  // stays closed until the entry is made anew
@@ -102,7 +102,7 @@ bool open_port(int32_t n) {
 // next look tries again.
 void finish_plug(struct atcmdprocess_device *dev) {
     if (!atcmd_start_missing(&g_VuartRx_thread, atcmder_VuartRx_thread)) {
-        SUPERVISOR_LOG(0, "atcmder_VuartRx_thread pthread_create failed");
+        SUPERVISOR_LOG(ATCMD_LEVEL_ERROR, "atcmder_VuartRx_thread pthread_create failed");
         return;
     }
     if (g_plug_told) return;
@@ -145,13 +145,13 @@ void reconcile_wifi(struct atcmdprocess_device *dev) {
     bool rx_started = true;
     wifi_channel_start(&rx_started);  // a failed open still starts the thread, which ends at once
     // Both failures carry the receive thread's name on purpose: one text for the Wi-Fi start.
-    if (!rx_started) SUPERVISOR_LOG(0, "atcmder_wifiRx_thread init failed!");
+    if (!rx_started) SUPERVISOR_LOG(ATCMD_LEVEL_ERROR, "atcmder_wifiRx_thread init failed!");
     if (!atcmd_start_missing(&g_wifiHBeat_thread, atcmder_wifiHBeat_thread)) {
-        SUPERVISOR_LOG(0, "atcmder_wifiRx_thread init failed!");
+        SUPERVISOR_LOG(ATCMD_LEVEL_ERROR, "atcmder_wifiRx_thread init failed!");
     }
     if (dev->system_status.platform == PLATFORM_VUART) get_corvel_info();
     atcmd_property_set("atcmder_sigProcess_thread", "vendor.corvel.timesync", "enable");
-    SUPERVISOR_LOG(3, "Set vendor.corvel.timesync enable!");
+    SUPERVISOR_LOG(ATCMD_LEVEL_STATE, "Set vendor.corvel.timesync enable!");
     log_cast_mode(dev);
 }
 
@@ -187,7 +187,7 @@ void atcmd_supervisor_signals(sigset_t *set) {
 int atcmd_signal_supervisor(int sig) {
     const pthread_t supervisor = link_load(g_Sigprocess_thread);
     if (supervisor == 0) {  // pthread_kill on handle 0 would crash the process
-        ATCMD_LOG(0, "no supervisor thread, signal %d dropped", sig);
+        ATCMD_LOG(ATCMD_LEVEL_ERROR, "no supervisor thread, signal %d dropped", sig);
         return ESRCH;
     }
     return pthread_kill(supervisor, sig);
@@ -203,7 +203,7 @@ bool atcmd_clear_own_handle(pthread_t *handle) {
 }
 
 void thread_exit_handler(int sig) {
-    ATCMD_LOG(2, "receive signal is %d", sig);
+    ATCMD_LOG(ATCMD_LEVEL_EVENT, "receive signal is %d", sig);
     pthread_exit(nullptr);
 }
 
@@ -211,12 +211,13 @@ void *atcmder_sigProcess_thread(void * /*arg*/) {
     sigset_t set;
     atcmd_supervisor_signals(&set);
     prctl(PR_SET_NAME, "sigProcess_thread");
-    ATCMD_LOG(3, "atcmder_sigProcess_thread thread is running");
+    ATCMD_LOG(ATCMD_LEVEL_STATE, "atcmder_sigProcess_thread thread is running");
 
     int sig = 0;  // no handler acts on 0, should the very first wait fail
     for (;;) {
-        if (sigwait(&set, &sig) != 0) ATCMD_LOG(0, "sigwait error");
-        ATCMD_LOG(3, "atcmder_sigProcess_thread handling thread got signal %d", sig);
+        if (sigwait(&set, &sig) != 0) ATCMD_LOG(ATCMD_LEVEL_ERROR, "sigwait error");
+        ATCMD_LOG(ATCMD_LEVEL_STATE, "atcmder_sigProcess_thread handling thread got signal %d",
+                  sig);
         struct atcmdprocess_device *dev = g_patcmd_dev;
         if (dev == nullptr) continue;
         reconcile_usb(dev);

@@ -25,7 +25,7 @@ constexpr uint32_t kIndexMask = 0xffff;  // the line's index is the low 16 bits 
 
 void *atcmder_TestTx_thread(void * /*arg*/) {
     prctl(PR_SET_NAME, "Test_thread");
-    ATCMD_LOG(3, "atcmder_TestTx_thread is running!");
+    ATCMD_LOG(ATCMD_LEVEL_STATE, "atcmder_TestTx_thread is running!");
     uint32_t sent = 0;
     int32_t round = 0;
     for (;;) {
@@ -34,7 +34,8 @@ void *atcmder_TestTx_thread(void * /*arg*/) {
         if ((sent & kIndexMask) == 0) {
             // The round is counted inside the log call, once per sink written: the console,
             // logcat and the file each show their own number, as they always have.
-            ATCMD_LOG(3, "atcmder_TestTx_thread index clear to 0, round is %d!", ++round);
+            ATCMD_LOG(ATCMD_LEVEL_STATE, "atcmder_TestTx_thread index clear to 0, round is %d!",
+                      ++round);
         }
         usleep(kTestLinePeriodUs);
     }

@@ -50,14 +50,14 @@ void expire(struct atcmder_node *node) {
     cmd->data = node->buf;
     if (cmd->resendtimes < kMaxResends) {
         cmd->resendtimes++;
-        ATCMD_LOG_AS("atcmder_Timeout_thread", LOG_TAG, 4,
+        ATCMD_LOG_AS("atcmder_Timeout_thread", LOG_TAG, ATCMD_LEVEL_DETAIL,
                      "Re-send timeout cmd: %d times: %d data: %s", cmd->seq_num, cmd->resendtimes,
                      node->buf);
         // A failed enqueue loses this request; the element is dropped all the same.
         atcmder_send_to_tx(cmd);
     } else {
         notifytimeout(cmd);
-        ATCMD_LOG_AS("atcmder_Timeout_thread", LOG_TAG, 4,
+        ATCMD_LOG_AS("atcmder_Timeout_thread", LOG_TAG, ATCMD_LEVEL_DETAIL,
                      "No. %d atcmd has been removed since timeout, data is %s", cmd->seq_num,
                      node->buf);
     }
@@ -96,7 +96,7 @@ uint32_t Init_TimeoutPara(void) {
 }
 
 void *atcmder_Timeout_thread(void * /*arg*/) {
-    ATCMD_LOG(3, "atcmder_Timeout_thread thread is running");
+    ATCMD_LOG(ATCMD_LEVEL_STATE, "atcmder_Timeout_thread thread is running");
     prctl(PR_SET_NAME, "Timeout_thread");
     for (;;) {
         atcmder_wait_queue(&Timeout_head, &g_timeoutqueue_mutex, &timeoutbuffer_Mutex,
@@ -111,7 +111,7 @@ void *atcmder_Timeout_thread(void * /*arg*/) {
 
 int rmTimeoutItem(const AtCmder_t *cmd) {
     if (cmd == nullptr) {
-        ATCMD_LOG(0, "rmTimeoutItem got a NULL record, nothing removed\n");
+        ATCMD_LOG(ATCMD_LEVEL_ERROR, "rmTimeoutItem got a NULL record, nothing removed\n");
         return 0;
     }
     pthread_mutex_lock(&g_timeoutqueue_mutex);
@@ -121,7 +121,7 @@ int rmTimeoutItem(const AtCmder_t *cmd) {
         if (node->cmd.seq_num != cmd->seq_num) continue;
         TAILQ_REMOVE(&Timeout_head, node, link);
         free(node);
-        ATCMD_LOG(4, "No. %d atcmd has been removed!", cmd->seq_num);
+        ATCMD_LOG(ATCMD_LEVEL_DETAIL, "No. %d atcmd has been removed!", cmd->seq_num);
         break;
     }
     return pthread_mutex_unlock(&g_timeoutqueue_mutex);
@@ -129,14 +129,15 @@ int rmTimeoutItem(const AtCmder_t *cmd) {
 
 void notifytimeout(const AtCmder_t *cmd) {
     if (cmd == nullptr) {
-        ATCMD_LOG_TAG(NOTIFY_TAG, 0, "notifytimeout got a NULL record, nothing reported\n");
+        ATCMD_LOG_TAG(NOTIFY_TAG, ATCMD_LEVEL_ERROR,
+                      "notifytimeout got a NULL record, nothing reported\n");
         return;
     }
-    ATCMD_LOG_TAG(NOTIFY_TAG, 3, "Timeout happened, cmd is %s", text_of(cmd));
+    ATCMD_LOG_TAG(NOTIFY_TAG, ATCMD_LEVEL_STATE, "Timeout happened, cmd is %s", text_of(cmd));
     notify_error(cmd->seq_num, -ETIMEDOUT);
 }
 
 void notifyUartNotWork(void) {
-    ATCMD_LOG_TAG(NOTIFY_TAG, 0, "uart does not work");
+    ATCMD_LOG_TAG(NOTIFY_TAG, ATCMD_LEVEL_ERROR, "uart does not work");
     notify_error(0, -ENXIO);
 }

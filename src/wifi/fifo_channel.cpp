@@ -83,7 +83,7 @@ uint8_t peer_source(int32_t platform) {
 
 void deliver(void *ctx, char *text, size_t len) {
     auto *line = static_cast<WifiLine *>(ctx);
-    RX_LOG(3, "Wifi receive data length is %zu, receive data is %s", len, text);
+    RX_LOG(ATCMD_LEVEL_STATE, "Wifi receive data length is %zu, receive data is %s", len, text);
     memset(&line->cmd, 0, sizeof line->cmd);
     memset(line->text, 0, sizeof line->text);
     line->cmd.source = line->source;
@@ -92,7 +92,8 @@ void deliver(void *ctx, char *text, size_t len) {
 }
 
 void too_long(void * /*ctx*/, const char *held) {
-    RX_LOG(3, "wifi receive data length is too long, skip it, receive data is %s ", held);
+    RX_LOG(ATCMD_LEVEL_STATE, "wifi receive data length is too long, skip it, receive data is %s ",
+           held);
 }
 
 // Edge-triggered: one edge may stand for more than one read's worth, so the FIFO is read
@@ -132,13 +133,14 @@ int fifo_init_locked(void) {
     link_store(g_fifo_tx_fd, open_fifo(kFifoTx));
     if (g_fifo_rx_fd < 0 || g_fifo_tx_fd < 0) {
         // Names the receive FIFO whichever of the two failed; the one that opened stays open.
-        FIFO_INIT_LOG(0, "cannot open device: %s\n", kFifoRx);
+        FIFO_INIT_LOG(ATCMD_LEVEL_ERROR, "cannot open device: %s\n", kFifoRx);
         return kFifoOpenFailed;
     }
 
     const int epfd = epoll_create1(EPOLL_CLOEXEC);
     if (epfd < 0) {
-        FIFO_INIT_LOG(0, "Create epoll instance, errno:%d, errstr:%s\n", errno, strerror(errno));
+        FIFO_INIT_LOG(ATCMD_LEVEL_ERROR, "Create epoll instance, errno:%d, errstr:%s\n", errno,
+                      strerror(errno));
         return kEpollFailed;
     }
     link_store(epfd_socket, static_cast<int32_t>(epfd));
@@ -147,10 +149,11 @@ int fifo_init_locked(void) {
     ev.events = EPOLLIN | EPOLLET;
     ev.data.fd = g_fifo_rx_fd;
     if (epoll_ctl(epfd, EPOLL_CTL_ADD, g_fifo_rx_fd, &ev) != 0) {
-        FIFO_INIT_LOG(0, "Set epoll_ctl, errno:%d, errstr:%s\n", errno, strerror(errno));
+        FIFO_INIT_LOG(ATCMD_LEVEL_ERROR, "Set epoll_ctl, errno:%d, errstr:%s\n", errno,
+                      strerror(errno));
         return kEpollFailed;
     }
-    FIFO_INIT_LOG(3, "FIFO_RX and FIFO_TX open successfully!");
+    FIFO_INIT_LOG(ATCMD_LEVEL_STATE, "FIFO_RX and FIFO_TX open successfully!");
     return 0;
 }
 
@@ -172,7 +175,7 @@ void *atcmder_wifiRx_thread(void * /*arg*/) {
     sigset_t wait_mask;
     wifi_thread_exit_on_alarm(&wait_mask);
     prctl(PR_SET_NAME, "wifiRx_thread");
-    ATCMD_LOG(3, "atcmder_wifiRx_thread is running!");
+    ATCMD_LOG(ATCMD_LEVEL_STATE, "atcmder_wifiRx_thread is running!");
 
     struct at_rx_buffer rx;
     WifiLine line;
@@ -189,7 +192,7 @@ void *atcmder_wifiRx_thread(void * /*arg*/) {
         drain_fifo(events[0].data.fd, &rx, &line);
     }
     leave_by_itself();
-    ATCMD_LOG(3, "atcmder_wifiRx_thread exits!");
+    ATCMD_LOG(ATCMD_LEVEL_STATE, "atcmder_wifiRx_thread exits!");
     return nullptr;
 }
 
@@ -198,7 +201,7 @@ void stop_wifi_channel(void) {
     const int32_t rx_fd = link_load(g_fifo_rx_fd);
     if (rx_fd < 1) return;  // nothing open, nothing to stop
     if (epoll_ctl(link_load(epfd_socket), EPOLL_CTL_DEL, rx_fd, nullptr) != 0) {
-        ATCMD_LOG(0,
+        ATCMD_LOG(ATCMD_LEVEL_ERROR,
                   "stop_wifi_channel Set epoll_ctl, epfd_socket is %d, g_fifo_rx_fd is %d, "
                   "errno:%d, errstr:%s\n",
                   link_load(epfd_socket), rx_fd, errno, strerror(errno));
@@ -206,5 +209,5 @@ void stop_wifi_channel(void) {
     wifi_thread_end(&g_wifiRx_thread);
     close_data_fifos();
     if (link_load(epfd_socket) >= 1) link_close(epfd_socket, kNoEpoll);
-    ATCMD_LOG(3, "wifi channel has been closed and wifiRx_thread has been killed!");
+    ATCMD_LOG(ATCMD_LEVEL_STATE, "wifi channel has been closed and wifiRx_thread has been killed!");
 }

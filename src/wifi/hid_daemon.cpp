@@ -18,6 +18,7 @@
 #include "device/device.h"
 #include "device/link_words.h"
 #include "device/properties.h"
+#include "device/sys_io.h"
 #include "engine/engine.h"
 #include "log/atcmd_log.h"
 #include "platform/root_path.h"
@@ -47,20 +48,9 @@ int32_t wifi_status_of_device(void) {
     return dev != nullptr ? link_load(dev->system_status.wifi_status) : 0;
 }
 
-// Closes the descriptor it holds when it goes out of scope.
-struct FdGuard {
-    int fd;
-    ~FdGuard() {
-        if (fd >= 0) close(fd);
-    }
-};
-
 bool write_exit_word(int fd) {
     const size_t len = sizeof kExitWord - 1;  // no terminator on the FIFO
-    ssize_t n;
-    do {
-        n = write(fd, kExitWord, len);
-    } while (n < 0 && errno == EINTR);
+    const ssize_t n = retry_eintr([&] { return write(fd, kExitWord, len); });
     return n == static_cast<ssize_t>(len);
 }
 
@@ -76,15 +66,15 @@ void queue_wificon_line(int32_t state) {
     const char *head = state == 1 ? "AT+WIFICON=1#" : state == 0 ? "AT+WIFICON=0#" : nullptr;
     if (head == nullptr) {
         // A line without its keyword would reach the accessory as garbage: only the callback.
-        ATCMD_LOG_AS("notify_wifi_state", kStateTag, 0,
+        ATCMD_LOG_AS("notify_wifi_state", kStateTag, ATCMD_LEVEL_ERROR,
                      "notify_wifi_state got unknown state %ld, no AT+WIFICON line sent",
                      static_cast<long>(state));
         return;
     }
     char text[AT_LINE_BUF_SIZE] = {};
     snprintf(text, sizeof text, "%s%d&2\r\n", head, kWificonSeq);
-    ATCMD_LOG_AS("notify_wifi_state", kStateTag, 4, "notify_wifi_stated to corvel %ld, data is %s",
-                 static_cast<long>(state), text);
+    ATCMD_LOG_AS("notify_wifi_state", kStateTag, ATCMD_LEVEL_DETAIL,
+                 "notify_wifi_stated to corvel %ld, data is %s", static_cast<long>(state), text);
     AtCmder_t cmd = {};
     cmd.type = AT_TYPE_SET;
     cmd.source = AT_NODE_NONE;
@@ -104,7 +94,7 @@ bool heartbeat_lost(uint32_t before) {
 
 // The heartbeat thread's restart of a daemon that went silent; under the link lock.
 void restart_daemon(uint32_t count) {
-    ATCMD_LOG_AS("atcmder_wifiHBeat_thread", LOG_TAG, 2,
+    ATCMD_LOG_AS("atcmder_wifiHBeat_thread", LOG_TAG, ATCMD_LEVEL_EVENT,
                  "!! HID demon lost heart beat, will restart! wifiHBeat_num is %lu .",
                  static_cast<unsigned long>(count));
     hiddemon_report_down();
@@ -115,14 +105,14 @@ void restart_daemon(uint32_t count) {
 }  // namespace
 
 void stop_hiddemon(void) {
-    FdGuard cmd_fifo{atcmd_open_rooted(kFifoCmd, O_RDWR | O_CLOEXEC)};
-    if (cmd_fifo.fd < 0) {
-        ATCMD_LOG(0, "cannot open device: %s, will kill hiddemon!", kFifoCmd);
+    const UniqueFd cmd_fifo(atcmd_open_rooted(kFifoCmd, O_RDWR | O_CLOEXEC));
+    if (cmd_fifo.get() < 0) {
+        ATCMD_LOG(ATCMD_LEVEL_ERROR, "cannot open device: %s, will kill hiddemon!", kFifoCmd);
         Kill_hiddemon_byforce();
         return;
     }
-    if (!write_exit_word(cmd_fifo.fd)) {
-        ATCMD_LOG(0, " fails to write data %s to fifo_cmd", kExitWord);
+    if (!write_exit_word(cmd_fifo.get())) {
+        ATCMD_LOG(ATCMD_LEVEL_ERROR, " fails to write data %s to fifo_cmd", kExitWord);
         Kill_hiddemon_byforce();
         return;
     }
@@ -130,10 +120,10 @@ void stop_hiddemon(void) {
     char sts[PROPERTY_VALUE_MAX] = {};
     property_get("vendor.hid_sts", sts, "");
     if (sts[0] != '\0' && strcmp(sts, kExitWord) == 0) {
-        ATCMD_LOG(3, "Process Hiddemon exits successfully!");
+        ATCMD_LOG(ATCMD_LEVEL_STATE, "Process Hiddemon exits successfully!");
         return;
     }
-    ATCMD_LOG(0, " hiddemon exit fails, will be killed!");
+    ATCMD_LOG(ATCMD_LEVEL_ERROR, " hiddemon exit fails, will be killed!");
     Kill_hiddemon_byforce();
 }
 
@@ -152,10 +142,11 @@ void wifi_Chan_ReInit(void) {
     const int32_t platform = platform_of_device();
     const char *command = nullptr;
     if (platform == PLATFORM_VUART) {
-        ATCMD_LOG(3, "Hid_daemon stopped, begin re-init wifi server!");
+        ATCMD_LOG(ATCMD_LEVEL_STATE, "Hid_daemon stopped, begin re-init wifi server!");
         command = "start_server";
     } else if (platform == PLATFORM_UART) {
-        ATCMD_LOG(3, "Hid_daemon stopped, begin re-init wifi client with serverIP %s!",
+        ATCMD_LOG(ATCMD_LEVEL_STATE,
+                  "Hid_daemon stopped, begin re-init wifi client with serverIP %s!",
                   dev->server_ip);
         atcmd_property_set(__func__, "vendor.hid_sts", dev->server_ip);
         command = "start_client";
@@ -171,7 +162,7 @@ void *atcmder_wifiHBeat_thread(void * /*arg*/) {
     sigset_t wait_mask;
     wifi_thread_exit_on_alarm(&wait_mask);
     prctl(PR_SET_NAME, "wifiHBeat_thread");
-    ATCMD_LOG(3, "atcmder_wifiHBeat_thread is running!");
+    ATCMD_LOG(ATCMD_LEVEL_STATE, "atcmder_wifiHBeat_thread is running!");
     for (;;) {
         const uint32_t before = link_load(g_wifiHBeat_num);
         wifi_thread_sleep(&wait_mask, kHeartbeatPeriodMs);
@@ -188,6 +179,7 @@ void *atcmder_wifiHBeat_thread(void * /*arg*/) {
 void notify_wifi_state(int32_t state) {
     notify_upper_layer(state);
     if (platform_of_device() == PLATFORM_UART) queue_wificon_line(state);
-    ATCMD_LOG_TAG(kStateTag, 4, "notify_wifi_stated %ld", static_cast<long>(state));
+    ATCMD_LOG_TAG(kStateTag, ATCMD_LEVEL_DETAIL, "notify_wifi_stated %ld",
+                  static_cast<long>(state));
 }
 

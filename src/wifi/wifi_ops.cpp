@@ -40,7 +40,7 @@ void start_client(struct atcmdprocess_device *dev, const char *ip_addr) {
     if (strcmp(dev->server_ip, ip_addr) != 0) stop_hiddemon();
     atcmd_property_set("atcmdprocess_wifi_init", "vendor.hid_sts", ip_addr);
     atcmd_property_set("atcmdprocess_wifi_init", "vendor.hid_cmd", "start_client");
-    ATCMD_LOG_AS("atcmdprocess_wifi_init", LOG_TAG, 4, " Client init begin!");
+    ATCMD_LOG_AS("atcmdprocess_wifi_init", LOG_TAG, ATCMD_LEVEL_DETAIL, " Client init begin!");
     strcpy(dev->server_ip, ip_addr);  // length checked by the caller
 }
 
@@ -67,18 +67,20 @@ void on_daemon_status(const char *status) {
 int atcmdprocess_wifi_init(const char *ip_addr) {
     struct atcmdprocess_device *dev = g_patcmd_dev;
     if (ip_addr == nullptr || dev == nullptr) {
-        ATCMD_LOG(0, "atcmdprocess_wifi_init without %s, nothing started\n",
+        ATCMD_LOG(ATCMD_LEVEL_ERROR, "atcmdprocess_wifi_init without %s, nothing started\n",
                   ip_addr == nullptr ? "an address" : "an open device");
         return kBadArgument;
     }
     const int32_t platform = dev->system_status.platform;
     // The client keeps the address it was given; one that cannot be kept whole is refused.
     if (platform == PLATFORM_UART && strlen(ip_addr) >= sizeof dev->server_ip) {
-        ATCMD_LOG(0, "atcmdprocess_wifi_init address of %zu characters is too long, dropped\n",
+        ATCMD_LOG(ATCMD_LEVEL_ERROR,
+                  "atcmdprocess_wifi_init address of %zu characters is too long, dropped\n",
                   strlen(ip_addr));
         return kBadArgument;
     }
-    ATCMD_LOG(3, "wifi connection init begin with IPADDR %s, current platform is %d !", ip_addr,
+    ATCMD_LOG(ATCMD_LEVEL_STATE,
+              "wifi connection init begin with IPADDR %s, current platform is %d !", ip_addr,
               platform);
     char sts[PROPERTY_VALUE_MAX] = {};
     property_get("vendor.hid_sts", sts, "");  // read as the daemon's side expects; not used
@@ -96,7 +98,7 @@ int atcmdprocess_wifi_init(const char *ip_addr) {
 int atcmdprocess_hiddemon_stchange(const char *status) {
     struct atcmdprocess_device *dev = g_patcmd_dev;
     if (status == nullptr) {
-        ATCMD_LOG(0, "atcmdprocess_hiddemon_stchange got a NULL status, dropped\n");
+        ATCMD_LOG(ATCMD_LEVEL_ERROR, "atcmdprocess_hiddemon_stchange got a NULL status, dropped\n");
         return kBadArgument;
     }
     // Reports outside a wanted Wi-Fi link are dropped.
@@ -109,7 +111,7 @@ int atcmdprocess_hiddemon_stchange(const char *status) {
     WifiLinkLock lock;
     // A disconnect that came while this report waited for the lock has the last word.
     if (link_load(dev->system_status.wifi_status) != kWifiWanted) return 0;
-    ATCMD_LOG(3, "hiddemon status is %s, wifi_status is %d", status,
+    ATCMD_LOG(ATCMD_LEVEL_STATE, "hiddemon status is %s, wifi_status is %d", status,
               link_load(dev->system_status.wifi_status));
     on_daemon_status(status);
     return 0;
@@ -121,7 +123,7 @@ int atcmdprocess_hiddemon_stchange(const char *status) {
 int atcmdprocess_wifi_stchange(int32_t state) {
     struct atcmdprocess_device *dev = g_patcmd_dev;
     if (state != kWifiDisconnected) return 0;
-    ATCMD_LOG(3, "Get wifi disconnect from FW or Corvel poweroff");
+    ATCMD_LOG(ATCMD_LEVEL_STATE, "Get wifi disconnect from FW or Corvel poweroff");
     WifiLinkLock lock;
     hiddemon_report_down();
     if (dev != nullptr) {
@@ -133,7 +135,7 @@ int atcmdprocess_wifi_stchange(int32_t state) {
     stop_hiddemon();
     notify_wifi_state(0);
     atcmd_property_set(__func__, "vendor.corvel.timesync", "disable");
-    ATCMD_LOG(3, "Set vendor.corvel.timesync disable!");
+    ATCMD_LOG(ATCMD_LEVEL_STATE, "Set vendor.corvel.timesync disable!");
     stop_wifi_channel();
     wifi_thread_end(&g_wifiHBeat_thread);
     return 0;

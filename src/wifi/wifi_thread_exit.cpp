@@ -47,7 +47,7 @@ void wifi_thread_end(pthread_t *handle) {
     if (pthread_equal(thread, pthread_self())) return;  // a thread never joins itself
     install_exit_handler();
     if (pthread_kill(thread, ATCMD_SIG_THREAD_EXIT) != 0) {
-        ATCMD_LOG(0, "SIGALRM could not be sent to thread %lu, joining it anyway",
+        ATCMD_LOG(ATCMD_LEVEL_ERROR, "SIGALRM could not be sent to thread %lu, joining it anyway",
                   static_cast<unsigned long>(thread));
     }
     pthread_join(thread, nullptr);
