@@ -433,6 +433,8 @@ struct ReplayCase {
     const char *commands;
 };
 
+void PrintTo(const ReplayCase &c, std::ostream *os) { *os << c.name; }
+
 class ReplayEndToEndTest : public testing::TestWithParam<ReplayCase> {};
 
 TEST_P(ReplayEndToEndTest, TheConsolesLogReplaysWithNoDivergence) {
@@ -458,6 +460,8 @@ const ReplayCase kReplayCases[] = {
     {"UsbInterrogationThenUnplug", "acc plug 3; wait VER 8000; acc unplug; wait USBSTATE=0,-1 5000"},
     {"UnansweredRequestResentThenTimedOut", "acc plug 3; wait VER 8000; acc silent +SN; query sn; wait ERROR=-110 5000"},
     {"GarbageOnThePortThenAnAnsweredRequest", "acc plug 3; wait VER 8000; acc garbage 24; query sn; wait SN 5000"},
+    {"WifiDownAndUpAgain", "wifi-init 192.168.43.1; wait WIFICON=1 8000; wait VER 8000; wifi-down; wait WIFICON=0 8000; "
+                           "wifi-init 192.168.43.1; wait WIFICON=1 8000; wait VER 8000"},
 };
 
 INSTANTIATE_TEST_SUITE_P(Logs, ReplayEndToEndTest, testing::ValuesIn(kReplayCases),
