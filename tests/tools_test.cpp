@@ -459,6 +459,7 @@ TEST_P(ReplayEndToEndTest, TheConsolesLogReplaysWithNoDivergence) {
 const ReplayCase kReplayCases[] = {
     {"UsbInterrogationThenUnplug", "acc plug 3; wait VER 8000; acc unplug; wait USBSTATE=0,-1 5000"},
     {"UnansweredRequestResentThenTimedOut", "acc plug 3; wait VER 8000; acc silent +SN; query sn; wait ERROR=-110 5000"},
+    {"RequestResentThenAnswered", "acc plug 3; wait VER 8000; acc delay 150; query sn; wait SN 5000"},
     {"GarbageOnThePortThenAnAnsweredRequest", "acc plug 3; wait VER 8000; acc garbage 24; query sn; wait SN 5000"},
     {"WifiDownAndUpAgain", "wifi-init 192.168.43.1; wait WIFICON=1 8000; wait VER 8000; wifi-down; wait WIFICON=0 8000; "
                            "wifi-init 192.168.43.1; wait WIFICON=1 8000; wait VER 8000"},
