@@ -277,22 +277,11 @@ std::string sent_line(const Output &o) {
     return o.kind == OutputKind::Sent && at != std::string::npos ? o.key.substr(at + strlen(kSentCmd)) : "";
 }
 
-// Whether the accessory was plugged at a line of the log: a line the module sent after it
-// logged the port gone went nowhere, on the phone as on the desk.
-bool plugged_at(const World &w, size_t line) {
-    bool plugged = w.plugged_at_open;
-    for (const Input &in : w.inputs) {
-        if (in.line > line) break;
-        if (in.kind == InputKind::Plug) plugged = true;
-        if (in.kind == InputKind::Unplug) plugged = false;
-    }
-    return plugged;
-}
-
 bool wait_anchor(const World &w, const Input &in, int patience_ms, AccSim *acc, Play *p, Clock::time_point *when) {
     const size_t a = static_cast<size_t>(in.anchor);
     const Clock::time_point deadline = Clock::now() + Ms(patience_ms + (in.time_us - w.expected[a].time_us) / 1000);
-    const auto received_line = [&w](const Output &o) { return plugged_at(w, o.line) ? sent_line(o) : ""; };
+    // A line the module sent while the log shows the port gone reached no accessory.
+    const auto received_line = [](const Output &o) { return o.port_gone ? "" : sent_line(o); };
     const std::string line = received_line(w.expected[a]);
     if (!line.empty()) {
         const bool came = wait_received(acc, line, occurrence(w, a, received_line), deadline);
