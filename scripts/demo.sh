@@ -8,7 +8,7 @@ cd "$(dirname "$0")/.."
 
 scripts/install-deps.sh
 cmake -S . -B build -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
-cmake --build build -j"$(nproc)" --target atcmdprocess_module atcmd_console atcmd_accessory_sim atcmd_daemon_sim >/dev/null
+cmake --build build -j"$(nproc)" --target atcmdprocess_module atcmd_console atcmd_accessory_sim atcmd_daemon_sim atcmd_replay >/dev/null
 
 root=$(mktemp -d /tmp/atcmd-demo-XXXXXX)
 status=0
@@ -19,6 +19,7 @@ echo
 echo "sandbox left in place: $root"
 echo "  module log:  $root/sdcard/quorvanta/.log/atcmdprocess"
 echo "  properties:  $root/property/ ($(ls "$root/property" | tr '\n' ' '))"
+echo "  replay it:   build/bin/atcmd_replay --speed 10 $root/sdcard/quorvanta/.log/atcmdprocess"
 echo "  trace:       $trace"
 echo "               (open it in a trace viewer: Perfetto UI > Open trace file, or speedscope)"
 if [ "$status" -ne 0 ]; then

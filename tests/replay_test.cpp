@@ -111,3 +111,15 @@ TEST(ReplayCompare, AValueThatDiffersIsTheFirstDivergenceOnItsLine) {
     EXPECT_NE(d.log_side.find("KV4410C"), std::string::npos);
     EXPECT_NE(d.desk_side.find("KV9999X"), std::string::npos);
 }
+
+// The module logs a line as sent only after writing it: a prompt answer can come first in the
+// log. It is anchored on the line it answers, so a faster replay does not play it before that.
+TEST(ReplayLog, AnAnswerLoggedBeforeItsQueryWaitsForTheQuery) {
+    const std::string sent = "[100.1500][tid:5]atcmder_Tx_thread:161: atcmder_Tx_thread send cmd success,dest is 3, mode is 0, cmd is AT+TYPE?#15&1\r\n";
+    ParsedLog log = parse(std::string(kOpen) + kParsed + kAnswer + sent);
+    log.runs.push_back({0, log.entries.size()});
+    const World w = rebuild_world(log, log.runs[0]);
+    ASSERT_EQ(w.inputs.size(), 1u);
+    ASSERT_EQ(w.expected.size(), 2u);
+    EXPECT_EQ(w.inputs[0].anchor, 1);
+}

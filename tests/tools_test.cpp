@@ -425,3 +425,45 @@ TEST(StatusRelayTest, AStandaloneDaemonSimulatorsReportsReachTheModuleThroughThe
     EXPECT_EQ(jq("[.traceEvents[] | select(.cat==\"link\" and .s==\"g\") | .name] | join(\",\")", sb.path("/t.json")),
               "daemon running,Wi-Fi up\n");
 }
+
+// A log the module wrote in a run of the console, replayed against the module (faster than it
+// was written): the desk does what the phone did. The replay has a sandbox of its own.
+struct ReplayCase {
+    const char *name;
+    const char *commands;
+};
+
+void PrintTo(const ReplayCase &c, std::ostream *os) { *os << c.name; }
+
+class ReplayEndToEndTest : public testing::TestWithParam<ReplayCase> {};
+
+TEST_P(ReplayEndToEndTest, TheConsolesLogReplaysWithNoDivergence) {
+    Sandbox sb;
+    const std::string commands = std::string("setprop net.bluetooth.macaddr 11:22:33:44:55:66; ") + GetParam().commands;
+    const std::string out = run_console("--sim -c '" + commands + "'", "");
+    ASSERT_EQ(out.find("error:"), std::string::npos) << out;
+    const std::string log = sb.log_path(), desk = sb.path("/desk"), trace = sb.path("/phone.json");
+    atcmd_tools::make_dirs(desk);
+    const std::string replay = "ATCMD_ROOT='" + desk + "' " ATCMD_TOOL_RUNNER "'" ATCMD_BIN_DIR "/atcmd_replay' ";
+    // The one divergence allowed: an extra resend on the desk, when a loaded machine (or an
+    // emulator) played an answer later than the module's resend timer.
+    const std::string report = run("{ " + replay + "--speed 10 '" + log + "'; echo \"exit $?\"; }", 0);
+    const bool same = report.find("\nno divergence: ") != std::string::npos && report.find("\nexit 0") != std::string::npos;
+    const bool late = report.find("  the desk: a resend: ") != std::string::npos && report.find("\nexit 1") != std::string::npos;
+    EXPECT_TRUE(same || late) << report;
+    run(replay + "--to-trace '" + trace + "' '" + log + "'", 0);
+    EXPECT_TRUE(valid_json(trace)) << read_file(trace);
+}
+
+// Rows kept few: each is a console run and a replay, slow under an emulator.
+const ReplayCase kReplayCases[] = {
+    {"UsbInterrogationThenUnplug", "acc plug 3; wait VER 8000; acc unplug; wait USBSTATE=0,-1 5000"},
+    {"UnansweredRequestResentThenTimedOut", "acc plug 3; wait VER 8000; acc silent +SN; query sn; wait ERROR=-110 5000"},
+    {"RequestResentThenAnswered", "acc plug 3; wait VER 8000; acc delay 150; query sn; wait SN 5000"},
+    {"GarbageOnThePortThenAnAnsweredRequest", "acc plug 3; wait VER 8000; acc garbage 24; query sn; wait SN 5000"},
+    {"WifiDownAndUpAgain", "wifi-init 192.168.43.1; wait WIFICON=1 8000; wait VER 8000; wifi-down; wait WIFICON=0 8000; "
+                           "wifi-init 192.168.43.1; wait WIFICON=1 8000; wait VER 8000"},
+};
+
+INSTANTIATE_TEST_SUITE_P(Logs, ReplayEndToEndTest, testing::ValuesIn(kReplayCases),
+                         [](const testing::TestParamInfo<ReplayCase> &info) { return std::string(info.param.name); });

@@ -34,8 +34,8 @@ namespace {
 std::string head_of(const std::string &key) { return key.substr(0, key.find(':')); }
 
 // A desk output nothing waits for takes the place of the earliest waiting output of its kind
-// (the same value differs): that one is then no longer waited for.
-void pair_off(Matcher *m, const std::string &key, int limit) {
+// (the same value differs): that one is then no longer waited for. False when none waits.
+bool pair_off(Matcher *m, const std::string &key, int limit) {
     const std::string head = head_of(key);
     int best = -1;
     std::deque<int> *from = nullptr;
@@ -46,17 +46,22 @@ void pair_off(Matcher *m, const std::string &key, int limit) {
             from = &w.second;
         }
     }
-    if (from != nullptr) from->pop_front();
+    if (from == nullptr) return false;
+    from->pop_front();
+    return true;
 }
 
 }  // namespace
 
 int matcher_add(Matcher *m, const Output &desk, int limit) {
     auto it = m->waiting.find(desk.key);
-    if (it == m->waiting.end() || it->second.empty() || it->second.front() > limit) {
+    if (it == m->waiting.end() || it->second.empty()) {
         pair_off(m, desk.key, limit);
         return -1;
     }
+    // Beyond the limit it is matched only when nothing of its kind is waited for before: an
+    // output on the module's own timer (a resend) may run ahead of the inputs.
+    if (it->second.front() > limit && pair_off(m, desk.key, limit)) return -1;
     const int index = it->second.front();
     it->second.pop_front();
     m->done[static_cast<size_t>(index)] = true;

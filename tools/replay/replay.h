@@ -71,6 +71,7 @@ struct Output {
     size_t line = 0;
     int64_t time_us = 0;
     std::string key;  // compared whole: "sent (mode 0): AT+TYPE?#15&1", "TYPE_parser: ..."
+    bool port_gone = false;  // the log shows no accessory port then: a line sent reached no one
 };
 
 // An input the log does not hold, and how the replay fills it in.

@@ -175,6 +175,28 @@ void add_gaps(World *w) {
     w->gaps.push_back({"the daemon's side of a start and stop (FIFOs, \"exit\" answer)", "played by the daemon simulator"});
 }
 
+constexpr int64_t kLoggedLateUs = 1000;  // how much later than its answer a sent line may be logged
+
+// The module logs a line as sent after writing it, so a prompt answer can be logged before the
+// line it answers: such an answer waits for that line, not for the output logged before it.
+void anchor_early_answers(World *w) {
+    for (Input &in : w->inputs) {
+        if (in.kind != InputKind::UsbBytes && in.kind != InputKind::WifiBytes) continue;
+        const size_t name_end = in.text.find_first_of("=#"), tag = in.text.find('#');
+        if (in.text.empty() || in.text[0] != '+' || name_end == std::string::npos || tag == std::string::npos) continue;
+        const std::string query = "cmd is AT" + in.text.substr(0, name_end);
+        const std::string tag_text = in.text.substr(tag, in.text.find_first_of("\r\n", tag) - tag);
+        for (size_t i = static_cast<size_t>(in.anchor + 1); i < w->expected.size(); ++i) {
+            const Output &o = w->expected[i];
+            if (o.time_us - in.time_us > kLoggedLateUs) break;
+            if (o.kind == OutputKind::Sent && o.key.find(query) != std::string::npos && ends_with(o.key, tag_text.c_str())) {
+                in.anchor = static_cast<int>(i);
+                break;
+            }
+        }
+    }
+}
+
 }  // namespace
 
 bool output_of(const LogEntry &e, Output *out) {
@@ -231,6 +253,7 @@ World rebuild_world(const ParsedLog &log, const LogRun &run) {
                 w.inputs.push_back(in);
             }
         } else if (output_of(e, &out)) {
+            out.port_gone = !plugged;
             w.expected.push_back(out);
             const size_t mac = out.key.find(kMacLine);
             if (out.kind == OutputKind::Sent && mac != std::string::npos) {
@@ -246,6 +269,7 @@ World rebuild_world(const ParsedLog &log, const LogRun &run) {
         }
     }
     if (life >= 0) w.heartbeat_caps.resize(static_cast<size_t>(life) + 1, -1);
+    anchor_early_answers(&w);
     add_gaps(&w);
     return w;
 }
