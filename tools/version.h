@@ -1,6 +1,6 @@
 /*
- * The tools' version, as --version prints it: one number for the console and the simulators,
- * which are built and shipped together with the module.
+ * The tools' version, as --version prints it: one number for the console, the simulators and
+ * the replay, which are built and shipped together with the module.
  */
 #ifndef ATCMD_TOOLS_VERSION_H
 #define ATCMD_TOOLS_VERSION_H

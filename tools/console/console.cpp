@@ -612,15 +612,6 @@ Outcome run_command(const Words &words) {
 
 }  // namespace
 
-bool parse_number(const std::string &text, long min, long max, long *out) {
-    char *end = nullptr;
-    errno = 0;
-    const long v = strtol(text.c_str(), &end, 10);
-    if (text.empty() || end == text.c_str() || *end != '\0' || errno == ERANGE || v < min || v > max) return false;
-    *out = v;
-    return true;
-}
-
 int console_start(const ConsoleOptions &options, std::string *error) {
     g.options = options;
     g.options.wait_scale = std::max(1, options.wait_scale);

@@ -35,9 +35,6 @@ struct ConsoleOptions {
     FILE *err = stderr;      // where text-mode errors and warnings go
 };
 
-// A whole decimal number from `min` to `max` and nothing else; false otherwise.
-bool parse_number(const std::string &text, long min, long max, long *out);
-
 // Loads and opens the module, installs the callback and starts the simulators when asked;
 // kExitOk, or kExitNoModule / kExitFailed with the reason in *error. Only one console exists per
 // process (the callback has no context of its own).

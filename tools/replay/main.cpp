@@ -2,6 +2,7 @@
  * atcmd_replay: a log written by the module, replayed against the module on the desk and
  * compared, or drawn as a trace. Main thread: options, the sandbox, the report.
  */
+#include <errno.h>
 #include <fcntl.h>
 #include <getopt.h>
 #include <stdio.h>
@@ -12,6 +13,7 @@
 
 #include "replay/replay.h"
 #include "sim/sim_util.h"
+#include "version.h"
 
 using namespace atcmd_tools;
 
@@ -20,6 +22,18 @@ namespace {
 constexpr int kSame = 0;
 constexpr int kDiverged = 1;
 constexpr int kCannot = 2;
+constexpr long kMaxRun = 100000;            // runs in one file, far more than a log holds
+constexpr long kMaxPatienceMs = 3600000;    // an hour
+
+// A speed factor above 0 and nothing else (10, 0.5).
+bool parse_speed(const char *text, double *out) {
+    char *end = nullptr;
+    errno = 0;
+    const double v = strtod(text, &end);
+    if (end == text || *end != '\0' || errno == ERANGE || !(v > 0)) return false;
+    *out = v;
+    return true;
+}
 
 void usage(FILE *out) {
     fprintf(out,
@@ -39,6 +53,7 @@ void usage(FILE *out) {
             "  --to-trace FILE  write a timeline of the run with the phone's own times; no replay\n"
             "  --module FILE    the module file (default: the console's search path)\n"
             "  --patience MS    how long an input waits for the output it followed (default 15000)\n"
+            "  --version        the tools' version\n"
             "  --help           this text\n\n"
             "The sandbox is $ATCMD_ROOT, or a fresh directory under /tmp that is left in place.\n",
             "/sdcard/quorvanta/.log", "atcmdprocess");
@@ -77,27 +92,39 @@ int main(int argc, char **argv) {
         {"speed", required_argument, nullptr, 's'},  {"trace", required_argument, nullptr, 't'},
         {"to-trace", required_argument, nullptr, 'T'}, {"module", required_argument, nullptr, 'm'},
         {"patience", required_argument, nullptr, 'p'}, {"help", no_argument, nullptr, 'h'},
-        {nullptr, 0, nullptr, 0},
+        {"version", no_argument, nullptr, 'v'},        {nullptr, 0, nullptr, 0},
     };
     PlayOptions options;
     bool list = false;
     long run = 0;
     std::string to_trace;
+    long patience = 0;
+    bool ok = true;
     for (int c; (c = getopt_long(argc, argv, "h", kOptions, nullptr)) != -1;) {
         switch (c) {
         case 'l': list = true; break;
-        case 'r': run = strtol(optarg, nullptr, 10); break;
-        case 's': options.speed = strtod(optarg, nullptr); break;
+        case 'r': ok = parse_number(optarg, 1, kMaxRun, &run); break;
+        case 's': ok = parse_speed(optarg, &options.speed); break;
         case 't': options.trace = optarg; break;
         case 'T': to_trace = optarg; break;
         case 'm': options.module = optarg; break;
-        case 'p': options.patience_ms = atoi(optarg); break;
+        case 'p':
+            ok = parse_number(optarg, 1, kMaxPatienceMs, &patience);
+            options.patience_ms = static_cast<int>(patience);
+            break;
+        case 'v': printf("atcmd_replay %s\n", ATCMD_TOOLS_VERSION); return kSame;
         case 'h': usage(stdout); return kSame;
         default: usage(stderr); return kCannot;
         }
+        if (!ok) {
+            fprintf(stderr, "atcmd_replay: \"%s\" is not %s\n", optarg,
+                    c == 's' ? "a speed above 0" : c == 'r' ? "a run number (from 1)" : "a number of milliseconds above 0");
+            usage(stderr);
+            return kCannot;
+        }
     }
-    if (optind + 1 != argc || !(options.speed > 0) || options.patience_ms <= 0) {
-        fprintf(stderr, "atcmd_replay: needs one LOG, a --speed above 0 and a --patience above 0\n");
+    if (optind + 1 != argc) {
+        fprintf(stderr, "atcmd_replay: needs one LOG\n");
         usage(stderr);
         return kCannot;
     }

@@ -18,6 +18,7 @@
 
 #include "sim/messages.h"
 #include "sim/sim_util.h"
+#include "version.h"
 
 namespace atcmd_tools {
 
@@ -93,7 +94,7 @@ void cli_info(const std::string &text) { print_event(text, "info", jstr("text", 
 
 void cli_error(const std::string &text) { print_line(stderr, text); }
 
-void cli_print_version(const char *tool) { print_line(stdout, std::string(tool) + " " + kToolsVersion); }
+void cli_print_version(const char *tool) { print_line(stdout, std::string(tool) + " " + ATCMD_TOOLS_VERSION); }
 
 bool cli_claim_sandbox(const char *tool, const char *role) {
     std::string error;

@@ -16,9 +16,6 @@
 
 namespace atcmd_tools {
 
-// The tools' release, printed by --version.
-constexpr const char kToolsVersion[] = "1.0.0";
-
 // Blocks the stop signals (taken by cli_serve) and ignores SIGPIPE (a FIFO reader that goes
 // away is an error return, not the end of the simulator). Call first, before any thread starts.
 void cli_prepare_signals();

@@ -3,6 +3,7 @@
  * Used by the standalone simulators and the console; runs on the caller's thread.
  */
 #include "sim/sim_commands.h"
+#include "sim/sim_util.h"
 
 #include <errno.h>
 #include <stdint.h>
@@ -31,10 +32,8 @@ struct Args {
     // A whole number in [lo, hi] at position i, or `fallback` when absent.
     int number(size_t i, int fallback, int lo, int hi) {
         if (i >= w.size()) return fallback;
-        char *end = nullptr;
-        errno = 0;
-        const long v = strtol(w[i].c_str(), &end, 10);
-        if (end == w[i].c_str() || *end != '\0' || errno != 0 || v < lo || v > hi) {
+        long v = 0;
+        if (!parse_number(w[i], lo, hi, &v)) {
             ok = false;
             return fallback;
         }

@@ -7,6 +7,7 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <poll.h>
+#include <stdlib.h>
 #include <string.h>
 #include <sys/file.h>
 #include <sys/stat.h>
@@ -136,6 +137,15 @@ int sandbox_claim(const char *role, std::string *error) {
         return -1;
     }
     return fd;
+}
+
+bool parse_number(const std::string &text, long min, long max, long *out) {
+    char *end = nullptr;
+    errno = 0;
+    const long v = strtol(text.c_str(), &end, 10);
+    if (text.empty() || end == text.c_str() || *end != '\0' || errno == ERANGE || v < min || v > max) return false;
+    *out = v;
+    return true;
 }
 
 }  // namespace atcmd_tools

@@ -25,6 +25,9 @@ bool write_text_file(const std::string &path, const std::string &text);
 // A wake-up pipe: one byte in, everything out (both ends non-blocking).
 void poke_pipe(int write_end);
 void drain_pipe(int read_end);
+// A whole decimal number from `min` to `max` and nothing else; false otherwise (the tools refuse
+// such an argument rather than take it as something else).
+bool parse_number(const std::string &text, long min, long max, long *out);
 // The path as written, under the sandbox root; "" when it does not fit.
 std::string rooted(const std::string &as_written);
 
