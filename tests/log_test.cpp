@@ -5,6 +5,8 @@
 
 #include <gtest/gtest.h>
 
+#include <string.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -42,12 +44,46 @@ TEST(LogTest, TimestampHasNoLeadingZerosAndHonoursBase) {
     EXPECT_NEAR(std::stol(std::string(get_timestamp())), std::stol(m[1]) - 1000, 1);
 }
 
-TEST(LogTest, RunsOnWhenTheDirectoryCannotBeMade) {
+// The directory is made level by level with mkdir(2): every missing level, each 0777 less the
+// umask, and an existing directory is used as it is.
+TEST(LogTest, MakesEveryMissingLevelOfTheDirectory) {
     Sandbox sb;
-    write_text_file(sb.path("/sdcard"), "a file where the log directory's parent should be");
-    log_file_init(ATCMD_LOG_DIR, ATCMD_LOG_FILE);
-    EXPECT_EQ(fd_logfile, nullptr);
-    ATCMD_LOG(ATCMD_LEVEL_ERROR, "still logging");  // standard output and the Android log only
+    const mode_t mask = umask(027);
+    testing::internal::CaptureStderr();
+    log_file_init("/var/a/b//c/", "named");
+    log_file_init("/var/a/b/c", "named");  // all there now: nothing made, nothing reported
+    const std::string errors = testing::internal::GetCapturedStderr();
+    umask(mask);
+    EXPECT_EQ(errors.find("failed"), std::string::npos) << errors;  // the Android log is there too
+    ASSERT_NE(fd_logfile, nullptr);
+    for (const char *level : {"/var", "/var/a", "/var/a/b", "/var/a/b/c"}) {
+        struct stat st;
+        ASSERT_EQ(stat(sb.path(level).c_str(), &st), 0) << level;
+        EXPECT_TRUE(S_ISDIR(st.st_mode)) << level;
+        EXPECT_EQ(st.st_mode & 07777, 0750u) << level;
+    }
+    EXPECT_EQ(access(sb.path("/var/a/b/c/named").c_str(), F_OK), 0);
+}
+
+// Whatever stands in the way, the failure line names the directory as the sandbox sees it and
+// the module runs on without a log file.
+TEST(LogTest, RunsOnWhenTheDirectoryCannotBeMade) {
+    for (const char *in_the_way : {"/sdcard", "/sdcard/quorvanta", "/sdcard/quorvanta/.log"}) {
+        SCOPED_TRACE(in_the_way);
+        Sandbox sb;
+        for (std::string level : {"/sdcard", "/sdcard/quorvanta"}) {
+            if (level.size() < strlen(in_the_way)) mkdir(sb.path(level).c_str(), 0755);
+        }
+        write_text_file(sb.path(in_the_way), "a file where a directory should be");
+        testing::internal::CaptureStderr();
+        log_file_init(ATCMD_LOG_DIR, ATCMD_LOG_FILE);
+        const std::string errors = testing::internal::GetCapturedStderr();
+        EXPECT_NE(errors.find("mkdir -p " + sb.path(ATCMD_LOG_DIR) + " failed\n"), std::string::npos)
+            << errors;
+        EXPECT_NE(errors.find("create log file error!\n"), std::string::npos) << errors;
+        EXPECT_EQ(fd_logfile, nullptr);
+        ATCMD_LOG(ATCMD_LEVEL_ERROR, "still logging");  // standard output and the Android log
+    }
 }
 
 TEST(LogTest, EachThreadAndAForkedChildLogTheirOwnId) {

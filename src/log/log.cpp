@@ -8,10 +8,12 @@
 
 #include "log/atcmd_log.h"
 
+#include <errno.h>
 #include <pthread.h>
 #include <stdarg.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/stat.h>
 #include <sys/time.h>
 #include <unistd.h>
 
@@ -61,6 +63,27 @@ char *put_long(char *out, long value) {
     if (value < 0) *out++ = '-';
     while (n > 0) *out++ = digits[--n];
     return out;
+}
+
+// Makes every missing level of `path` with mkdir(2), as "mkdir -p" would, without starting a
+// shell (the service that hosts the module may execute nothing). Each level gets 0777 less the
+// umask, which is what "mkdir -p" gives. Returns 0 when the whole path is then a directory, -1
+// when a level cannot be made or something other than a directory is in the way.
+int make_missing_levels(const char *path) {
+    char level[ATCMD_ROOTED_PATH_MAX];
+    const size_t length = strlen(path);
+    if (length == 0 || length >= sizeof level) return -1;
+    memcpy(level, path, length + 1);
+    for (size_t at = 1; at <= length; ++at) {
+        if (level[at] != '/' && level[at] != '\0') continue;
+        const char kept = level[at];
+        level[at] = '\0';
+        const bool made = mkdir(level, 0777) == 0 || errno == EEXIST;
+        level[at] = kept;
+        if (!made) return -1;
+    }
+    struct stat st;
+    return (stat(path, &st) == 0 && S_ISDIR(st.st_mode)) ? 0 : -1;
 }
 
 }  // namespace
@@ -117,15 +140,13 @@ void atcmd_log_file(const char *func, int line, const char *fmt, ...) {
 int log_file_init(const char *dir, const char *name) {
     char written[kLogPathMax];
     char rooted[ATCMD_ROOTED_PATH_MAX];
-    char command[ATCMD_ROOTED_PATH_MAX + 16];
 
     if (atcmd_root_path(dir, rooted, sizeof rooted) != 0) {
         ATCMD_LOG(ATCMD_LEVEL_ERROR, "log directory %s does not fit the path buffer\n", dir);
         return 0;
     }
-    // The directory is quoted so that a sandbox root with blanks still works.
-    snprintf(command, sizeof command, "mkdir -p '%s'", rooted);
-    if (system(command) != 0) fprintf(stderr, "mkdir -p %s failed\n", rooted);
+    // The failure line reads as "mkdir -p" of the directory would have it.
+    if (make_missing_levels(rooted) != 0) fprintf(stderr, "mkdir -p %s failed\n", rooted);
 
     snprintf(written, sizeof written, "%s/%s", dir, name);
     if (atcmd_root_path(written, rooted, sizeof rooted) != 0) rooted[0] = '\0';
