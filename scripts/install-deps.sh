@@ -11,7 +11,8 @@ native=$(dpkg --print-architecture)
 # clang and libclang-rt-14-dev: the libFuzzer targets; valgrind: scripts/memcheck.sh;
 # blueprint-tools: bpfmt, which checks Android.bp; jq: the trace tests read the console's trace;
 # libedit-dev: line editing at the console's prompt.
-# scripts/android-check.sh asks for clang-19, libc++-19-dev and python3 itself, when it runs.
+# scripts/android-check.sh asks for clang-19, libc++-19-dev and python3 itself, when it runs;
+# scripts/sepolicy-check.sh for checkpolicy, policycoreutils (setfiles) and m4.
 packages=(cmake make g++ binutils googletest:all libgtest-dev android-liblog-dev
           clang libclang-rt-14-dev valgrind blueprint-tools jq libedit-dev "$@")
 

@@ -8,6 +8,10 @@
 # a stage after the Android.bp check: every module compiled as the platform build would, against
 # bionic for arm64, arm and x86_64 (scripts/android-check.sh). Unset, that stage is skipped, and
 # the run says so.
+# ATCMD_ANDROID_SEPOLICY, when set to a folder of the platform's SELinux policy per release
+# (../shared/android-platform-sepolicy), adds the next stage: the project's policy (sepolicy/)
+# compiled into each release's with neverallow checks on, its contexts files checked, and the
+# check's self-test (scripts/sepolicy-check.sh --selftest). Unset or absent, it is skipped.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -29,6 +33,17 @@ if [ -n "${ATCMD_ANDROID_TREE:-}" ]; then
 else
   echo "SKIPPED: no platform tree given (set ATCMD_ANDROID_TREE to one, or to"
   echo "../shared/android-platform-headers); the module was not compiled against bionic"
+fi
+
+echo "==== vendor policy check (scripts/sepolicy-check.sh --selftest) ===="
+if [ -n "${ATCMD_ANDROID_SEPOLICY:-}" ] && [ -d "$ATCMD_ANDROID_SEPOLICY" ]; then
+  scripts/sepolicy-check.sh --selftest "$ATCMD_ANDROID_SEPOLICY"
+elif [ -n "${ATCMD_ANDROID_SEPOLICY:-}" ]; then
+  echo "SKIPPED: ATCMD_ANDROID_SEPOLICY names $ATCMD_ANDROID_SEPOLICY, which is not a folder;"
+  echo "the policy in sepolicy/ was not compiled"
+else
+  echo "SKIPPED: no platform policy given (set ATCMD_ANDROID_SEPOLICY to"
+  echo "../shared/android-platform-sepolicy); the policy in sepolicy/ was not compiled"
 fi
 
 run_suite() {
