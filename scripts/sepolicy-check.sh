@@ -122,7 +122,7 @@ check_contexts() {
         continue
       fi
       for attribute in $(attributes_for "$file" "$key" "$type"); do
-        if ! grep -q "^(typeattributeset $attribute (\(.* \)\?$type[ )]" <<<"$sets"; then
+        if ! grep -q "^(typeattributeset $attribute (\(.* \)\?${type}[ )]" <<<"$sets"; then
           echo "  $file: $key: type $type lacks the attribute $attribute"
           faults=$((faults + 1))
         fi
