@@ -93,6 +93,7 @@ printf '%s\n' "${order[@]}" >"$initramfs/modules"
 cat >"$initramfs/run.conf" <<EOF
 test_bin='$test_bin'
 filter='${ATCMD_KERNEL_FILTER:-*}'
+tests_limit=$(( ${ATCMD_KERNEL_TIMEOUT:-240} - 45 ))
 EOF
 cat >"$initramfs/init" <<'EOF'
 #!/bin/busybox sh
@@ -118,10 +119,14 @@ mkdir -p /host/tmp/out
 mount -t 9p -o trans=virtio,version=9p2000.L,msize=262144 out /host/tmp/out
 echo "guest: $(uname -r), UDCs: $(ls /sys/class/udc | tr '\n' ' ')"
 ls /sys/class/udc >/host/tmp/out/udcs
-chroot /host /usr/bin/env -i PATH=/usr/sbin:/usr/bin:/sbin:/bin HOME=/tmp TMPDIR=/tmp \
+# The tests get the guest's limit less its boot and shutdown, so that a hung case still leaves
+# its output and the kernel's log behind.
+chroot /host /usr/bin/timeout -k 5 "$tests_limit" /usr/bin/env -i PATH=/usr/sbin:/usr/bin:/sbin:/bin HOME=/tmp TMPDIR=/tmp \
   ATCMD_KERNEL_GUEST=1 ATCMD_KERNEL_OUT=/tmp/out \
   "$test_bin" --gtest_filter="$filter" >/host/tmp/gtest.txt 2>&1
-echo $? >/host/tmp/out/status
+status=$?
+[ $status -eq 124 ] && echo "guest: the tests did not finish within $tests_limit s" >>/host/tmp/gtest.txt
+echo $status >/host/tmp/out/status
 cp /host/tmp/gtest.txt /host/tmp/out/gtest.txt
 dmesg >/host/tmp/out/dmesg.txt
 sync

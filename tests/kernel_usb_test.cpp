@@ -14,6 +14,7 @@
 #include <string.h>
 #include <sys/stat.h>
 #include <sys/time.h>
+#include <termios.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -144,9 +145,18 @@ protected:
     }
     // The whole start-up interrogation reached the accessory and its version came back.
     void interrogated(AccSim *s, size_t skip = 0, size_t versions = 1) {
-        for (const char *line : kInterrogation) {
-            EXPECT_TRUE(acc_sim_wait_received(s, line, kWait, skip)) << line << " never reached the accessory";
-        }
+        const auto missing = [&] {
+            const std::vector<std::string> got = acc_sim_received(s);
+            std::string out;
+            for (const char *line : kInterrogation) {
+                const bool seen = std::any_of(got.begin() + static_cast<long>(std::min(skip, got.size())), got.end(),
+                                              [&](const std::string &g) { return g.find(line) != std::string::npos; });
+                if (!seen) out += std::string(out.empty() ? "" : ", ") + line;
+            }
+            return out;
+        };
+        EXPECT_TRUE(wait_until([&] { return missing().empty(); }, kWait))
+            << "never reached the accessory: " << missing();
         EXPECT_TRUE(Recorder::instance().wait_for(AT_MSG_VER, versions, kWait));
     }
     void request(const char *line, uint8_t cmd_id, uint16_t seq) {
@@ -282,6 +292,41 @@ TEST_F(KernelUsb, UnplugDuringPendingRequest) {
         EXPECT_FALSE(n.msg_id == AT_MSG_BAT && n.seq_num == 302) << "a pulled port answered";
     }
     EXPECT_EQ(usb_pairs().back(), (Pair{0, -1}));  // nothing after the unplug undid it
+}
+
+// 3b. Hung up with the cable in: where the port honours modem lines, the accessory closing its
+// side drops carrier and cdc-acm hangs the phone's terminal up, but the device and its node
+// stay. Only the receive thread's failed read can tell: it must not take the hung-up port's
+// empty reads for a quiet line, but look again, find the node still listed and have the port
+// opened afresh, and the accessory is served again.
+TEST_F(KernelUsb, HangUpWithNodeStayingIsReopened) {
+    AccSim *acc = gadget(0);
+    plug(acc, "/dev/ttyACM0");
+    open();
+    ASSERT_TRUE(plugged(1));
+    interrogated(acc);
+    ASSERT_TRUE(wait_until(queues_idle, kWait));
+    // The port's settings are shared by every opener: one that clears CLOCAL makes the module's
+    // port honour the carrier.
+    const int peer = ::open("/dev/ttyACM0", O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);
+    ASSERT_GE(peer, 0) << strerror(errno);
+    struct termios tio;
+    ASSERT_EQ(tcgetattr(peer, &tio), 0);
+    tio.c_cflag &= ~static_cast<tcflag_t>(CLOCAL);
+    ASSERT_EQ(tcsetattr(peer, TCSANOW, &tio), 0);
+    const size_t seen = acc_sim_received(acc).size();
+    ASSERT_TRUE(acc_sim_set_carrier(acc, false));
+    struct pollfd p = {peer, POLLIN, 0};
+    ASSERT_EQ(poll(&p, 1, kWait), 1);
+    ASSERT_NE(p.revents & POLLHUP, 0) << "the carrier drop did not hang the terminal up";
+    close(peer);
+    ASSERT_TRUE(acc_sim_set_carrier(acc, true));
+    EXPECT_TRUE(is_node("/dev/ttyACM0"));
+    ASSERT_TRUE(plugged(2)) << "the hung-up port was never opened again";
+    interrogated(acc, seen, 2);
+    request("AT+SN?#306&1\r\n", AT_MSG_SN, 306);
+    EXPECT_TRUE(answered(AT_MSG_SN, 306));
+    EXPECT_EQ(mode(), AT_MODE_USB);
 }
 
 // 4. The kernel keeps a minor while the old port is held: a quick re-plug comes back as

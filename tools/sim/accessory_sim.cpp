@@ -232,19 +232,22 @@ void close_port_locked(AccSim *s) {
     s->held[0].clear();
 }
 
-// The gadget's terminal is opened (raw, so nothing is echoed back) before the gadget is bound:
-// the first line from the phone finds it ready. Binding hands the phone its port.
-int plug_gadget_locked(AccSim *s) {
+// Opens the gadget's terminal raw, so that nothing the phone sends is echoed back. "" or why not.
+std::string open_gadget_tty_locked(AccSim *s) {
     const std::string tty = usb_gadget_tty(s->gadget);
-    std::string error;
     s->master = open(tty.c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);
     struct termios tio;
-    if (s->master < 0 || tcgetattr(s->master, &tio) != 0) {
-        error = "open " + tty + ": " + strerror(errno);
-    } else {
-        cfmakeraw(&tio);
-        if (tcsetattr(s->master, TCSANOW, &tio) != 0) error = "raw " + tty + ": " + strerror(errno);
-    }
+    if (s->master < 0 || tcgetattr(s->master, &tio) != 0) return "open " + tty + ": " + strerror(errno);
+    cfmakeraw(&tio);
+    if (tcsetattr(s->master, TCSANOW, &tio) != 0) return "raw " + tty + ": " + strerror(errno);
+    return "";
+}
+
+// The gadget's terminal is opened before the gadget is bound: the first line from the phone
+// finds it ready. Binding hands the phone its port.
+int plug_gadget_locked(AccSim *s) {
+    const std::string tty = usb_gadget_tty(s->gadget);
+    std::string error = open_gadget_tty_locked(s);
     if (error.empty() && !usb_gadget_bind(s->gadget, &error)) error = "bind: " + error;
     if (!error.empty()) {
         note(s, AccLink::Usb, "!!", "plug failed: " + error);
@@ -472,6 +475,22 @@ bool acc_sim_use_gadget(AccSim *s, const std::string &udc, uint16_t vendor, uint
     if (!usb_gadget_make(name, vendor, product, release, udc, &s->gadget, error)) return false;
     note(s, AccLink::Usb, "!!", "gadget " + name + " on " + udc + ", accessory side " + usb_gadget_tty(s->gadget));
     return true;
+}
+
+bool acc_sim_set_carrier(AccSim *s, bool on) {
+    std::lock_guard<std::mutex> lock(s->mu);
+    if (s->gadget.dir.empty() || !usb_gadget_bound(s->gadget) || (s->master >= 0) == on) return false;
+    if (!on) {
+        close_port_locked(s);
+        note(s, AccLink::Usb, "!!", "carrier dropped: the accessory closed its side of the port");
+        wake_thread(s);
+        return true;
+    }
+    const std::string error = open_gadget_tty_locked(s);
+    note(s, AccLink::Usb, "!!", error.empty() ? "carrier raised: the accessory opened its side again" : "carrier: " + error);
+    if (!error.empty()) close_port_locked(s);
+    wake_thread(s);
+    return error.empty();
 }
 
 std::string acc_sim_gadget_tty(AccSim *s) {

@@ -66,6 +66,10 @@ void acc_sim_unplug(AccSim *sim);
 // ids than the accessory's make a foreign device. False with the reason in *error.
 bool acc_sim_use_gadget(AccSim *sim, const std::string &udc, uint16_t vendor, uint16_t product,
                         uint16_t release, std::string *error);
+// A gadget only, cable in: the accessory closes its side of the port (its ACM function drops
+// carrier, DCD, which hangs the phone's terminal up where the phone's side honours modem lines),
+// or opens it again (carrier back). False when the link is not a bound gadget or already so.
+bool acc_sim_set_carrier(AccSim *sim, bool on);
 // The gadget-side terminal ("/dev/ttyGSn"), "" while the link is a pseudo-terminal.
 std::string acc_sim_gadget_tty(AccSim *sim);
 bool acc_sim_plugged(AccSim *sim);

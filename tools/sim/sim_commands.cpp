@@ -165,6 +165,13 @@ constexpr AccCommand kAccCommands[] = {
                                             kAccessoryRelease, &error);
          return done(ok, "gadget on " + a.w[1] + (ok ? ", accessory side " + acc_sim_gadget_tty(s) : ": " + error));
      }},
+    {"carrier", "carrier on|off      a plugged gadget closes (off: drops DCD) or reopens its side of the port", 1, 1,
+     [](AccSim *s, Args &a) {
+         const bool on = a.choice(1, {"on", "off"}, "on") == "on";
+         return a.ok ? done(acc_sim_set_carrier(s, on), std::string("carrier ") + (on ? "on" : "off") +
+                                                           " (needs a plugged gadget, carrier not already so)")
+                     : CommandResult{};
+     }},
     {"reading", "reading [on|off]    read the port, or stop reading it (the phone's writes back up)", 0, 1,
      [](AccSim *s, Args &a) {
          const bool on = a.on(1);
