@@ -194,7 +194,12 @@ done < <(grep -aoE '\[(       OK |  FAILED  |  SKIPPED )\] [A-Za-z0-9_/.]+ \(([0
          grep -vE '\[  FAILED  \] .* \([0-9]+ ms\)')
 replay_case="KernelUsb.GuestLogReplaysWithoutDivergence (host)"
 if [ -s "$out/replay.log" ]; then
-  if "$replay_bin" "$out/replay.log" >"$work/replay.txt" 2>&1; then
+  replay_status=0
+  "$replay_bin" "$out/replay.log" >"$work/replay.txt" 2>&1 || replay_status=$?
+  # The replay leaves its sandbox under /tmp and names it; this run's is removed here.
+  replay_box=$(sed -n 's|^sandbox: \(/tmp/atcmd-replay-[A-Za-z0-9]*\) .*|\1|p' "$work/replay.txt" | head -1)
+  [ -n "$replay_box" ] && [ -z "${ATCMD_KERNEL_KEEP:-}" ] && rm -rf "$replay_box"
+  if [ "$replay_status" -eq 0 ]; then
     passed=$((passed + 1)); echo "[       OK ] $replay_case"
   else
     failed=$((failed + 1)); echo "[  FAILED  ] $replay_case"
