@@ -11,10 +11,20 @@ native=$(dpkg --print-architecture)
 # clang and libclang-rt-14-dev: the libFuzzer targets; valgrind: scripts/memcheck.sh;
 # blueprint-tools: bpfmt, which checks Android.bp; jq: the trace tests read the console's trace;
 # libedit-dev: line editing at the console's prompt.
+# qemu-system-x86, linux-image-amd64 and busybox-static: the kernel stage's guest
+# (scripts/kernel-test.sh), installed without their recommendations and only on an amd64 machine;
+# a failed install of these is reported and leaves the stage to say SKIPPED.
 # scripts/android-check.sh asks for clang-19, libc++-19-dev and python3 itself, when it runs;
 # scripts/sepolicy-check.sh for checkpolicy, policycoreutils (setfiles) and m4.
 packages=(cmake make g++ binutils googletest:all libgtest-dev android-liblog-dev
           clang libclang-rt-14-dev valgrind blueprint-tools jq libedit-dev "$@")
+
+kernel_stage=()
+[ "$native" = amd64 ] && kernel_stage=(qemu-system-x86 linux-image-amd64 busybox-static)
+
+installed() {
+  [ "$(dpkg-query -W -f '${Status}' "$1" 2>/dev/null || true)" = "install ok installed" ]
+}
 
 missing=()
 foreign=()
@@ -29,9 +39,13 @@ for p in "${packages[@]}"; do
     foreign+=("$arch")
   fi
 done
-[ ${#missing[@]} -eq 0 ] && exit 0
+kernel_missing=()
+for p in "${kernel_stage[@]+"${kernel_stage[@]}"}"; do
+  installed "$p:$native" || kernel_missing+=("$p")
+done
+[ ${#missing[@]} -eq 0 ] && [ ${#kernel_missing[@]} -eq 0 ] && exit 0
 
-echo "installing: ${missing[*]}"
+[ ${#missing[@]} -gt 0 ] && echo "installing: ${missing[*]}"
 sudo=""
 [ "$(id -u)" -eq 0 ] || sudo="sudo"
 export DEBIAN_FRONTEND=noninteractive
@@ -44,4 +58,11 @@ done
 if ! $sudo apt-get update -qq; then
   echo "warning: apt-get update reported errors; trying the install with the indexes it has" >&2
 fi
-$sudo apt-get install -y -qq "${missing[@]}"
+if [ ${#missing[@]} -gt 0 ]; then
+  $sudo apt-get -o DPkg::Lock::Timeout=600 install -y -qq "${missing[@]}"
+fi
+if [ ${#kernel_missing[@]} -gt 0 ]; then
+  echo "installing for the kernel stage: ${kernel_missing[*]}"
+  $sudo apt-get -o DPkg::Lock::Timeout=600 install -y -qq --no-install-recommends "${kernel_missing[@]}" ||
+    echo "warning: the kernel stage's packages could not be installed; the stage will be skipped" >&2
+fi

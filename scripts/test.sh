@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Checks Android.bp, builds the module and runs every test three times: a normal build,
 # AddressSanitizer with UndefinedBehaviorSanitizer, and ThreadSanitizer. Each test case runs in
-# its own process. Then each fuzz target runs for a few seconds (clang build in build-fuzz/,
+# its own process. After the normal build, the USB link's cases that need a real kernel run in
+# a qemu guest (scripts/kernel-test.sh). Then each fuzz target runs for a few seconds (clang build in build-fuzz/,
 # scripts/fuzz.sh), and last the plain suite is built for 64-bit and 32-bit ARM and run under
 # qemu-user (scripts/cross-test.sh).
 # ATCMD_ANDROID_TREE, when set to a platform tree (or ../shared/android-platform-headers), adds
@@ -57,6 +58,9 @@ run_suite() {
 # The link race test runs its 50 sequences in the plain stage; the slower stages run fewer
 # (ATCMD_RACE_SEQUENCES, per shard of five), enough for the sanitizers to see each path.
 run_suite build ""
+# The USB link against the real kernel's cdc-acm port, in a qemu guest (scripts/kernel-test.sh),
+# with the plain build's test binary and replay tool.
+scripts/kernel-test.sh build
 ATCMD_RACE_SEQUENCES=2 run_suite build-asan "address,undefined"
 ATCMD_RACE_SEQUENCES=4 run_suite build-tsan "thread"
 echo "all three test runs passed"

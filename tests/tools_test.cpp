@@ -302,6 +302,11 @@ TEST(SimCommandsTest, BadArgumentsAreRefusedWithTheUsageLineAndDoNothing) {
         {"drop many", "usage: drop"},          {"silent +NOPE", "usage: silent"},
         {"silent +SN maybe", "usage: silent"}, {"split sideways", "usage: split"},
         {"garbage 0", "usage: garbage"},       {"counters now", "usage: counters"},
+        {"gadget", "usage: gadget"},           {"gadget dummy_udc.0 alien", "usage: gadget"},
+        {"carrier", "usage: carrier"},         {"carrier on", "needs a plugged gadget"},
+        {"reading maybe", "usage: reading"},   {"flood bat", "usage: flood"},
+        {"flood smoke 5", "usage: flood"},     {"flood bat 0", "usage: flood"},
+        {"flood bat 5", "needs an open link"},
         {"fly", "unknown accessory command \"fly\""},
     };
     for (const auto &[line, says] : refused) {

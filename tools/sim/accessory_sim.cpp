@@ -14,9 +14,11 @@
 #include <string.h>
 #include <sys/prctl.h>
 #include <sys/stat.h>
+#include <termios.h>
 #include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <condition_variable>
 #include <mutex>
@@ -24,6 +26,7 @@
 #include <thread>
 
 #include "sim/sim_util.h"
+#include "sim/usb_gadget.h"
 
 namespace atcmd_tools {
 
@@ -86,9 +89,11 @@ struct AccSim {
     std::condition_variable changed;
     bool stopping = false;
     int acm_number = -1;
-    int master = -1;
+    int master = -1;  // the accessory's end of the USB link: a pty master or the gadget's ttyGSn
     int slave = -1;  // held open so the master never sees a hang-up while the module reopens
     bool port_open = false;
+    UsbGadget gadget;     // dir empty: the link is a pseudo-terminal
+    bool reading = true;  // false: the USB port is not read, so the phone's writes back up
     int wifi_in = -1;
     int wifi_out = -1;
     std::string held[2];  // bytes of an unfinished line, by link
@@ -227,8 +232,36 @@ void close_port_locked(AccSim *s) {
     s->held[0].clear();
 }
 
+// Opens the gadget's terminal raw, so that nothing the phone sends is echoed back. "" or why not.
+std::string open_gadget_tty_locked(AccSim *s) {
+    const std::string tty = usb_gadget_tty(s->gadget);
+    s->master = open(tty.c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);
+    struct termios tio;
+    if (s->master < 0 || tcgetattr(s->master, &tio) != 0) return "open " + tty + ": " + strerror(errno);
+    cfmakeraw(&tio);
+    if (tcsetattr(s->master, TCSANOW, &tio) != 0) return "raw " + tty + ": " + strerror(errno);
+    return "";
+}
+
+// The gadget's terminal is opened before the gadget is bound: the first line from the phone
+// finds it ready. Binding hands the phone its port.
+int plug_gadget_locked(AccSim *s) {
+    const std::string tty = usb_gadget_tty(s->gadget);
+    std::string error = open_gadget_tty_locked(s);
+    if (error.empty() && !usb_gadget_bind(s->gadget, &error)) error = "bind: " + error;
+    if (!error.empty()) {
+        note(s, AccLink::Usb, "!!", "plug failed: " + error);
+        close_port_locked(s);
+        return -1;
+    }
+    note(s, AccLink::Usb, "!!", "plugged: gadget bound to " + s->gadget.udc + ", accessory side " + tty);
+    wake_thread(s);
+    return 0;
+}
+
 int plug_locked(AccSim *s, int n) {
     if (s->master >= 0) return 0;
+    if (!s->gadget.dir.empty()) return plug_gadget_locked(s);
     const std::string name = "ttyACM" + std::to_string(n);
     const std::string dir = rooted("/sys/class/tty/" + name + "/device");
     const std::string link = rooted("/dev/" + name);
@@ -257,6 +290,16 @@ int plug_locked(AccSim *s, int n) {
 
 void unplug_locked(AccSim *s) {
     if (s->master < 0) return;
+    if (!s->gadget.dir.empty()) {
+        // Unbinding is the pulled cable: the kernel hangs the phone's terminal up and removes
+        // its node, and hangs up this side's terminal too.
+        std::string error;
+        if (!usb_gadget_unbind(s->gadget, &error)) note(s, AccLink::Usb, "!!", "unbind: " + error);
+        close_port_locked(s);
+        note(s, AccLink::Usb, "!!", "unplugged: gadget unbound from " + s->gadget.udc);
+        wake_thread(s);
+        return;
+    }
     const std::string name = "ttyACM" + std::to_string(s->acm_number);
     unlink(rooted("/dev/" + name).c_str());
     unlink(rooted("/sys/class/tty/" + name + "/device/uevent").c_str());
@@ -311,7 +354,8 @@ void read_link_locked(AccSim *s, AccLink link, int fd) {
     if (n > 0) {
         take_bytes_locked(s, link, buf, static_cast<size_t>(n));
     } else if (n < 0 && errno != EAGAIN && errno != EINTR && link == AccLink::Usb) {
-        // EIO: no slave is open. The simulator holds one, so this only follows an unplug.
+        // EIO: no slave is open (the simulator holds one, so this only follows an unplug), or
+        // the gadget's terminal was hung up.
         close_port_locked(s);
     }
 }
@@ -321,14 +365,18 @@ void sim_loop(AccSim *s) {
     std::unique_lock<std::mutex> lock(s->mu);
     while (!s->stopping) {
         const int timeout = run_due_locked(s);
-        struct pollfd fds[3] = {{s->wake[0], POLLIN, 0}, {s->master, POLLIN, 0}, {s->wifi_in, POLLIN, 0}};
+        struct pollfd fds[3] = {{s->wake[0], POLLIN, 0},
+                                {s->reading ? s->master : -1, POLLIN, 0},
+                                {s->wifi_in, POLLIN, 0}};
         lock.unlock();
         const int r = poll(fds, 3, timeout);
         lock.lock();
         if (r <= 0) continue;
         if (fds[0].revents != 0) drain_pipe(s->wake[0]);
         // The descriptors may have changed while unlocked: only read those still in place.
-        if (fds[1].revents != 0 && fds[1].fd == s->master && s->master >= 0) read_link_locked(s, AccLink::Usb, s->master);
+        if (fds[1].revents != 0 && fds[1].fd == s->master && s->master >= 0 && s->reading) {
+            read_link_locked(s, AccLink::Usb, s->master);
+        }
         if (fds[2].revents != 0 && fds[2].fd == s->wifi_in && s->wifi_in >= 0) read_link_locked(s, AccLink::Wifi, s->wifi_in);
     }
 }
@@ -389,6 +437,7 @@ void acc_sim_destroy(AccSim *s) {
         wake_thread(s);
     }
     s->thread.join();
+    usb_gadget_remove(&s->gadget);
     close_fd(&s->wake[0]);
     close_fd(&s->wake[1]);
     delete s;
@@ -402,6 +451,51 @@ int acc_sim_plug(AccSim *s, int acm_number) {
 void acc_sim_unplug(AccSim *s) {
     std::lock_guard<std::mutex> lock(s->mu);
     unplug_locked(s);
+}
+
+bool acc_sim_use_gadget(AccSim *s, const std::string &udc, uint16_t vendor, uint16_t product,
+                        uint16_t release, std::string *error) {
+    std::lock_guard<std::mutex> lock(s->mu);
+    if (s->master >= 0 || !s->gadget.dir.empty()) {
+        *error = "unplug first, and one gadget per simulator";
+        return false;
+    }
+    const std::string why = usb_gadget_unavailable();
+    if (!why.empty()) {
+        *error = why;
+        return false;
+    }
+    // One gadget per UDC, named after it, so that a gadget a killed simulator left behind is
+    // taken over rather than doubled.
+    std::string name = "atcmd_" + udc;
+    std::replace(name.begin(), name.end(), '.', '_');
+    UsbGadget g;
+    g.dir = "/sys/kernel/config/usb_gadget/" + name;
+    usb_gadget_remove(&g);
+    if (!usb_gadget_make(name, vendor, product, release, udc, &s->gadget, error)) return false;
+    note(s, AccLink::Usb, "!!", "gadget " + name + " on " + udc + ", accessory side " + usb_gadget_tty(s->gadget));
+    return true;
+}
+
+bool acc_sim_set_carrier(AccSim *s, bool on) {
+    std::lock_guard<std::mutex> lock(s->mu);
+    if (s->gadget.dir.empty() || !usb_gadget_bound(s->gadget) || (s->master >= 0) == on) return false;
+    if (!on) {
+        close_port_locked(s);
+        note(s, AccLink::Usb, "!!", "carrier dropped: the accessory closed its side of the port");
+        wake_thread(s);
+        return true;
+    }
+    const std::string error = open_gadget_tty_locked(s);
+    note(s, AccLink::Usb, "!!", error.empty() ? "carrier raised: the accessory opened its side again" : "carrier: " + error);
+    if (!error.empty()) close_port_locked(s);
+    wake_thread(s);
+    return error.empty();
+}
+
+std::string acc_sim_gadget_tty(AccSim *s) {
+    std::lock_guard<std::mutex> lock(s->mu);
+    return s->gadget.dir.empty() ? "" : usb_gadget_tty(s->gadget);
 }
 
 bool acc_sim_plugged(AccSim *s) {
@@ -515,6 +609,52 @@ void acc_sim_send_overlong(AccSim *s, int bytes) {
     note(s, AccLink::Usb, "!!", "over-long line: " + std::to_string(bytes) + " characters");
     write_line_locked(s, s->port_open ? AccLink::Usb : AccLink::Wifi,
                       "+DTR=" + std::string(static_cast<size_t>(bytes), 'X') + "\r\n");
+}
+
+void acc_sim_set_reading(AccSim *s, bool reading) {
+    std::lock_guard<std::mutex> lock(s->mu);
+    s->reading = reading;
+    note(s, AccLink::Usb, "!!", reading ? "reading the port again" : "not reading the port");
+    wake_thread(s);
+}
+
+int acc_sim_flood(AccSim *s, const std::string &what, int count) {
+    std::lock_guard<std::mutex> lock(s->mu);
+    if (!s->port_open || s->master < 0) return 0;
+    note(s, AccLink::Usb, "!!", "flood: " + std::to_string(count) + " " + what + " reports");
+    // Lines are gathered into large writes, so that they cross the port packed together and
+    // cut anywhere, as a fast peer sends them. A flood goes at the reader's pace, however slow:
+    // each write waits for room up to kFloodStallMs (write_all gives up far sooner).
+    constexpr size_t kChunk = 4096;
+    constexpr int kFloodStallMs = 30000;
+    std::string pending;
+    int written = 0, queued = 0;
+    for (int i = 0; i < count; ++i) {
+        const std::string line = report_line(s, what);
+        if (line.empty()) break;
+        pending += line;
+        ++queued;
+        if (pending.size() < kChunk && i + 1 < count) continue;
+        size_t at = 0;
+        while (at < pending.size()) {
+            const ssize_t w = write(s->master, pending.data() + at, pending.size() - at);
+            if (w > 0) {
+                at += static_cast<size_t>(w);
+                continue;
+            }
+            struct pollfd room = {s->master, POLLOUT, 0};
+            if (w < 0 && errno != EAGAIN && errno != EINTR) break;
+            if (w < 0 && errno == EAGAIN && poll(&room, 1, kFloodStallMs) <= 0) break;
+        }
+        if (at < pending.size()) {
+            note(s, AccLink::Usb, "!!", std::string("flood write failed: ") + strerror(errno));
+            break;
+        }
+        pending.clear();
+        written = queued;
+    }
+    s->counters.lines_to_phone += written;
+    return written;
 }
 
 void acc_sim_schedule_unplug(AccSim *s, int unplug_ms, int replug_ms) {

@@ -1,12 +1,15 @@
 /*
  * The accessory simulator: plays the accessory on the master side of a pseudo-terminal that it
- * plugs into the sandbox as dev/ttyACMn (and, when a daemon simulator hands it the Wi-Fi FIFOs,
- * on the Wi-Fi link too). It answers the module's queries from a configurable identity, asks the
+ * plugs into the sandbox as dev/ttyACMn, or, on a kernel with USB gadget support, on the
+ * gadget side (/dev/ttyGSn) of a configfs gadget that it plugs by binding it to a UDC (and, when
+ * a daemon simulator hands it the Wi-Fi FIFOs, on the Wi-Fi link too). It answers the module's queries from a configurable identity, asks the
  * phone its own questions, sends reports and injects faults. One thread of its own runs the
  * links and the timed events; every function here may be called from any other thread.
  */
 #ifndef ATCMD_TOOLS_SIM_ACCESSORY_SIM_H
 #define ATCMD_TOOLS_SIM_ACCESSORY_SIM_H
+
+#include <stdint.h>
 
 #include <array>
 #include <string>
@@ -56,6 +59,19 @@ void acc_sim_destroy(AccSim *sim);
 int acc_sim_plug(AccSim *sim, int acm_number);
 // Unplug: removes the link and closes the pseudo-terminal, so the module's read fails.
 void acc_sim_unplug(AccSim *sim);
+// Moves the USB link onto a real port: a gadget with the given ids on `udc` (a UDC's name in
+// /sys/class/udc), unplugged. From then on plug binds the gadget (the host side's cdc-acm makes
+// the phone's ttyACMn, numbered by the kernel, with the kernel's uevent) and opens /dev/ttyGSn
+// raw; unplug closes it and unbinds (the phone's terminal is hung up, its node removed). Other
+// ids than the accessory's make a foreign device. False with the reason in *error.
+bool acc_sim_use_gadget(AccSim *sim, const std::string &udc, uint16_t vendor, uint16_t product,
+                        uint16_t release, std::string *error);
+// A gadget only, cable in: the accessory closes its side of the port (its ACM function drops
+// carrier, DCD, which hangs the phone's terminal up where the phone's side honours modem lines),
+// or opens it again (carrier back). False when the link is not a bound gadget or already so.
+bool acc_sim_set_carrier(AccSim *sim, bool on);
+// The gadget-side terminal ("/dev/ttyGSn"), "" while the link is a pseudo-terminal.
+std::string acc_sim_gadget_tty(AccSim *sim);
 bool acc_sim_plugged(AccSim *sim);
 // True once the module has sent its first line over USB (the port is raw from then on).
 bool acc_sim_port_open(AccSim *sim);
@@ -89,6 +105,11 @@ void acc_sim_set_silent(AccSim *sim, const std::string &keyword, bool silent);  
 void acc_sim_set_split(AccSim *sim, bool split);            // each line in three writes
 void acc_sim_send_garbage(AccSim *sim, int bytes);          // binary bytes, then CR LF
 void acc_sim_send_overlong(AccSim *sim, int bytes);         // one line of `bytes` characters
+// Stops reading the USB port (the phone's writes fill the port and then wait) or reads again.
+void acc_sim_set_reading(AccSim *sim, bool reading);
+// Writes `count` numbered reports `what` (as acc_sim_report) back to back on USB, as fast as
+// the port takes them. Returns how many were written whole.
+int acc_sim_flood(AccSim *sim, const std::string &what, int count);
 // Unplugs after `unplug_ms` and plugs the same port again `replug_ms` after that (-1: never).
 void acc_sim_schedule_unplug(AccSim *sim, int unplug_ms, int replug_ms);
 

@@ -4,6 +4,7 @@
  */
 #include "sim/sim_commands.h"
 #include "sim/sim_util.h"
+#include "sim/usb_gadget.h"
 
 #include <errno.h>
 #include <stdint.h>
@@ -22,6 +23,7 @@ constexpr int kDefaultAcm = 3;
 constexpr int kMaxMs = 1000000;     // any wait or period: up to about a quarter of an hour
 constexpr int kMaxCount = 1000;     // reports in one go, answers to drop
 constexpr int kMaxJunk = 65536;     // bytes of garbage or of one over-long line
+constexpr int kMaxFlood = 1000000;  // reports in one flood
 
 // The arguments of one command, checked as they are read: a bad one clears `ok`, and the
 // command then fails with its usage line instead of acting.
@@ -151,6 +153,38 @@ constexpr AccCommand kAccCommands[] = {
          const int n = a.number(1, 600, 1, kMaxJunk);
          if (a.ok) acc_sim_send_overlong(s, n);
          return done(a.ok, "overlong");
+     }},
+    {"gadget", "gadget UDC [accessory|foreign]  play the accessory (or a foreign device) as a USB gadget on UDC", 1, 2,
+     [](AccSim *s, Args &a) {
+         const bool foreign = a.choice(2, {"accessory", "foreign"}, "accessory") == "foreign";
+         if (!a.ok) return CommandResult{};
+         std::string error;
+         // A foreign device: another product of the same maker, which the phone must ignore.
+         const bool ok = acc_sim_use_gadget(s, a.w[1], kAccessoryVendor,
+                                            foreign ? kAccessoryProduct + 1 : kAccessoryProduct,
+                                            kAccessoryRelease, &error);
+         return done(ok, "gadget on " + a.w[1] + (ok ? ", accessory side " + acc_sim_gadget_tty(s) : ": " + error));
+     }},
+    {"carrier", "carrier on|off      a plugged gadget closes (off: drops DCD) or reopens its side of the port", 1, 1,
+     [](AccSim *s, Args &a) {
+         const bool on = a.choice(1, {"on", "off"}, "on") == "on";
+         return a.ok ? done(acc_sim_set_carrier(s, on), std::string("carrier ") + (on ? "on" : "off") +
+                                                           " (needs a plugged gadget, carrier not already so)")
+                     : CommandResult{};
+     }},
+    {"reading", "reading [on|off]    read the port, or stop reading it (the phone's writes back up)", 0, 1,
+     [](AccSim *s, Args &a) {
+         const bool on = a.on(1);
+         if (a.ok) acc_sim_set_reading(s, on);
+         return done(a.ok, on ? "reading" : "not reading");
+     }},
+    {"flood", "flood bat|hall|temp N  send N reports back to back, as fast as the port takes them", 2, 2,
+     [](AccSim *s, Args &a) {
+         const std::string what = a.choice(1, {"bat", "hall", "temp"}, "");
+         const int n = a.number(2, 0, 1, kMaxFlood);
+         if (!a.ok) return CommandResult{};
+         const int sent = acc_sim_flood(s, what, n);
+         return done(sent == n, "flood: " + std::to_string(sent) + " of " + std::to_string(n) + " sent (needs an open link)");
      }},
     {"counters", "counters            lines each way, answers, dropped answers", 0, 0,
      [](AccSim *s, Args &) {
