@@ -92,6 +92,8 @@ printf '%s\n' "${order[@]}" >"$initramfs/modules"
 # end, since every write through 9p costs an emulated round trip.
 cat >"$initramfs/run.conf" <<EOF
 test_bin='$test_bin'
+tree='$repo'
+build_dir='$build'
 filter='${ATCMD_KERNEL_FILTER:-*}'
 tests_limit=$(( ${ATCMD_KERNEL_TIMEOUT:-240} - 45 ))
 EOF
@@ -117,6 +119,14 @@ mount -t configfs configfs /host/sys/kernel/config
 mount -t tmpfs tmpfs /host/tmp
 mkdir -p /host/tmp/out
 mount -t 9p -o trans=virtio,version=9p2000.L,msize=262144 out /host/tmp/out
+# The source tree and the build are shared again at their own paths, so that a clone under /tmp
+# (hidden by the tmpfs above) is still seen by the tests.
+for share in tree:"$tree" build:"$build_dir"; do
+  dir=${share#*:}
+  mkdir -p "/host$dir" 2>/dev/null
+  mount -t 9p -o trans=virtio,version=9p2000.L,ro,cache=loose,msize=262144 "${share%%:*}" "/host$dir" ||
+    echo "guest: $dir cannot be mounted"
+done
 echo "guest: $(uname -r), UDCs: $(ls /sys/class/udc | tr '\n' ' ')"
 ls /sys/class/udc >/host/tmp/out/udcs
 # The tests get the guest's limit less its boot and shutdown, so that a hung case still leaves
@@ -154,6 +164,8 @@ timeout --kill-after=10 "$limit" "$qemu" "${accel[@]}" -m 768 -smp 2 -nographic 
   -append "console=ttyS0 loglevel=3 panic=-1 rdinit=/init" \
   -virtfs "local,path=/,mount_tag=hostroot,security_model=none,readonly=on,multidevs=remap" \
   -virtfs "local,path=$out,mount_tag=out,security_model=none" \
+  -virtfs "local,path=$repo,mount_tag=tree,security_model=none,readonly=on,multidevs=remap" \
+  -virtfs "local,path=$build,mount_tag=build,security_model=none,readonly=on,multidevs=remap" \
   </dev/null >"$work/console.log" 2>&1 || qemu_status=$?
 elapsed=$(( $(date +%s) - start ))
 
