@@ -3,6 +3,9 @@
 // files, opened by the supervisor, read by the receive thread, and pulled or removed again.
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
+#include <sys/ioctl.h>
+
 #include <stdio.h>
 #include <string.h>
 #include <sys/stat.h>
@@ -13,6 +16,8 @@
 #include "hotplug/hotplug.h"
 #include "serial/serial.h"
 #include "support/test_support.h"
+
+#include <condition_variable>
 
 using namespace atcmd_test;
 
@@ -260,4 +265,97 @@ TEST(ParseDevNameTest, NumbersOnlyAcmNamesAndKeepsTheirNameCut) {
         EXPECT_EQ(std::string(g_dev_ACM_name), kept);
     }
     EXPECT_EQ(parse_dev_name(nullptr), -1);
+}
+
+// ---- Faults of a peer that stops reading, a switch mid-line, a node that appears late and a
+// ---- state read from a port already gone.
+
+namespace {
+
+// Bytes the module has not yet read from the port behind `pty` (the slave's input).
+int unread_by_module(const Pty &pty) {
+    const int fd = open(pty.slave_path().c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);
+    int unread = -1;
+    if (fd >= 0) ioctl(fd, FIONREAD, &unread);
+    if (fd >= 0) close(fd);
+    return unread;
+}
+
+// Fills what the port behind `pty` holds towards the accessory until it takes no more, as a
+// peer that stopped reading leaves it; returns the bytes written.
+size_t fill_towards_peer(const Pty &pty) {
+    const int fd = open(pty.slave_path().c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);
+    if (fd < 0) return 0;
+    const std::string chunk(512, 'f');
+    size_t written = 0;
+    for (;;) {
+        const ssize_t n = ::write(fd, chunk.data(), chunk.size());
+        if (n <= 0) break;
+        written += static_cast<size_t>(n);
+    }
+    close(fd);
+    return written;
+}
+
+void send_request(atcmdprocess_device_t *dev, const std::string &line, uint8_t cmd_id,
+                  uint16_t seq) {
+    char text[AT_LINE_BUF_SIZE];
+    snprintf(text, sizeof text, "%s", line.c_str());
+    AtCmder_t cmd = {};
+    cmd.type = AT_TYPE_QUERY;
+    cmd.flag = PLATFORM_VUART;
+    cmd.cmd_id = cmd_id;
+    cmd.seq_num = seq;
+    cmd.data = text;
+    ASSERT_EQ(dev->atcmdprocess_cmd_from_hidl(&cmd), 0);
+}
+
+bool has(const std::string &text, const std::string &what) { return text.find(what) != text.npos; }
+
+}  // namespace
+
+// The accessory stops reading with more queued for it than its port holds: each write gives up
+// after the answer's time-out instead of holding the transmit thread, the requests are resent
+// and then reported as timed out, and a second accessory that takes over gets its start-up
+// queries at once.
+TEST_F(UsbLinkTest, APeerThatStopsReadingHoldsNoLink) {
+    Pty &deaf = port(sb, 3);
+    open();
+    ASSERT_TRUE(usb_events(1));
+    // The pseudo-terminal moves what it holds on in steps: filled until a fill takes nothing.
+    ASSERT_GT(fill_towards_peer(deaf), 0u);
+    ASSERT_TRUE(wait_until([&] { return fill_towards_peer(deaf) == 0; }, kLongWait));
+    // More than the terminal moves on by itself (4 KiB), in long lines.
+    for (uint16_t seq = 1; seq <= 60; ++seq) {
+        send_request(dev, "AT+BAT?#" + std::to_string(seq) + "&1" + std::string(120, ' ') + "\r\n",
+                     AT_MSG_BAT, seq);
+    }
+    EXPECT_TRUE(sb.wait_log("peer took nothing for", kLongWait));
+    Pty &second = port(sb, 4);
+    ASSERT_TRUE(usb_events(2));
+    EXPECT_TRUE(has(second.read_until([](const std::string &got) { return has(got, "AT+VER?#"); },
+                                      kLongWait), "AT+VER?#"));
+    // Every request that reached no peer ends as a time-out report, not as a wait.
+    EXPECT_TRUE(wait_until([] { return queues_idle(); }, kLongWait));
+    EXPECT_TRUE(Recorder::instance().wait_for(AT_MSG_ERROR, 1, kLongWait));
+}
+
+// The old port leaves half a line, a second port takes over and sends a whole one: the half is
+// dropped (and logged), and the new port's line is parsed as it was sent.
+TEST_F(UsbLinkTest, ASwitchDropsTheOldPortsUnfinishedLine) {
+    Pty &first = port(sb, 3);
+    open();
+    ASSERT_TRUE(usb_events(1));
+    first.write("+SCREEN=8#310");
+    ASSERT_TRUE(wait_until([&] { return unread_by_module(first) == 0; }, kLongWait));
+    Pty &second = port(sb, 4);
+    ASSERT_TRUE(usb_events(2));
+    second.write("+SCREEN=9#311&1\r\n");
+    ASSERT_TRUE(Recorder::instance().wait_for(AT_MSG_SCREEN, 1, kLongWait));
+    const Notice screen = Recorder::instance().last(AT_MSG_SCREEN);
+    EXPECT_EQ(screen.seq_num, 311);
+    EXPECT_EQ(screen.values, (std::vector<int32_t>{9}));
+    EXPECT_TRUE(sb.wait_log("receive data dropped, 13 bytes of an unfinished line", kLongWait));
+    ASSERT_TRUE(supervisor_caught_up(sb));
+    EXPECT_EQ(count_in_log(sb, "receive data is +SCREEN=8"), 0u);
 }

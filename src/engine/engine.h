@@ -133,6 +133,9 @@ typedef void (*at_rx_deliver_fn)(void *ctx, char *text, size_t len);
 typedef void (*at_rx_too_long_fn)(void *ctx, const char *held);
 
 size_t at_rx_room(const struct at_rx_buffer *rx);
+/* Drops what is held of an unfinished line (logged with `why`, when anything was held): a
+ * receive loop whose link changed starts the next link clean. */
+void at_rx_drop(struct at_rx_buffer *rx, const char *why);
 void at_rx_frame(struct at_rx_buffer *rx, size_t received, at_rx_deliver_fn deliver,
                  at_rx_too_long_fn too_long, void *ctx);
 

@@ -79,6 +79,14 @@ size_t at_rx_room(const struct at_rx_buffer *rx) {
     return rx != nullptr ? AT_RX_BUF_SIZE - rx->fill : 0;
 }
 
+void at_rx_drop(struct at_rx_buffer *rx, const char *why) {
+    if (rx == nullptr || rx->fill == 0) return;
+    ATCMD_LOG(ATCMD_LEVEL_STATE, "receive data dropped, %zu bytes of an unfinished line (%s): %s",
+              rx->fill, why != nullptr ? why : "link changed", rx->data);
+    rx->fill = 0;
+    rx->data[0] = '\0';
+}
+
 void at_rx_frame(struct at_rx_buffer *rx, size_t received, at_rx_deliver_fn deliver,
                  at_rx_too_long_fn too_long, void *ctx) {
     if (rx == nullptr || deliver == nullptr) {

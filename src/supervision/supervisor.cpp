@@ -91,9 +91,11 @@ bool open_port(int32_t n) {
         acm_port_unusable(n);  // stays closed until the entry is made anew
         return false;
     }
-    close_accessory_port();
+    // The new port replaces the old in one step, so the receive and transmit threads, woken by
+    // the switch, never find no port between the two and take it for an unplug.
     vuart_hold(fd);
     g_held_port = n;
+    g_plug_told = false;
     return true;
 }
 
