@@ -359,3 +359,22 @@ TEST_F(UsbLinkTest, ASwitchDropsTheOldPortsUnfinishedLine) {
     ASSERT_TRUE(supervisor_caught_up(sb));
     EXPECT_EQ(count_in_log(sb, "receive data is +SCREEN=8"), 0u);
 }
+
+// The entry is a link to a node that is not there yet: it is refused, and when the node appears
+// behind the same entry (no entry is made, so the watch sees nothing) the refusal's end alone
+// makes the supervisor look again and take the port.
+TEST_F(UsbLinkTest, ANodeThatAppearsBehindARefusedEntryIsTaken) {
+    const std::string node = sb.path("/node-acm3");
+    Pty &accessory = port(sb, 3);
+    unlink(sb.path("/dev/ttyACM3").c_str());
+    ASSERT_EQ(symlink(node.c_str(), sb.path("/dev/ttyACM3").c_str()), 0);
+    open();
+    ASSERT_TRUE(sb.wait_log("open serial /dev/ttyACM3 fails", kLongWait));
+    ASSERT_TRUE(supervisor_caught_up(sb));
+    EXPECT_TRUE(usb_pairs().empty());
+    ASSERT_EQ(symlink(accessory.slave_path().c_str(), node.c_str()), 0);
+    ASSERT_TRUE(usb_events(1));
+    EXPECT_EQ(usb_pairs().back(), (Pair{1, -1}));
+    EXPECT_EQ(mode(), AT_MODE_USB);
+    EXPECT_EQ(count_in_log(sb, "a refused port's hold ended, looking again"), 1u);
+}

@@ -65,6 +65,11 @@ int32_t acm_find_accessory_port(int32_t preferred);
  * be opened. */
 void acm_port_unusable(int32_t number);
 
+/* Milliseconds until the first pending refusal of an unopenable entry ends, -1 when none is
+ * pending (a refusal that has ended no longer counts). The supervisor waits no longer than this
+ * for a signal, then looks again. Supervisor thread only. */
+int acm_refusal_ends_in_ms(void);
+
 /* An entry was made under the name of port `number`: what was refused under that name no longer
  * holds. Called by the hotplug thread for every entry it sees created. */
 void acm_entry_made(int32_t number);

@@ -20,6 +20,7 @@
 #include <errno.h>
 #include <signal.h>
 #include <sys/prctl.h>
+#include <time.h>
 #include <unistd.h>
 
 #include "accessory/accessory.h"
@@ -165,6 +166,26 @@ void handshake(void) {
     get_corvel_usbstate();
 }
 
+// The next signal, or 0 when a refused port's refusal ended first: an entry that could not be
+// opened (a link whose node was not there yet) is looked at again then, without a new entry.
+// With nothing refused the wait has no limit.
+int wait_for_signal(const sigset_t *set) {
+    const int ms = acm_refusal_ends_in_ms();
+    if (ms < 0) {
+        int sig = 0;  // no handler acts on 0, should the wait fail
+        if (sigwait(set, &sig) != 0) ATCMD_LOG(ATCMD_LEVEL_ERROR, "sigwait error");
+        return sig;
+    }
+    const int until_ms = ms + 1;  // just past the end, so that the look finds it ended
+    const struct timespec limit = {until_ms / 1000, (until_ms % 1000) * 1000000L};
+    const int sig = sigtimedwait(set, nullptr, &limit);
+    if (sig > 0) return sig;
+    if (errno == EAGAIN) {
+        SUPERVISOR_LOG(ATCMD_LEVEL_STATE, "a refused port's hold ended, looking again");
+    }
+    return 0;
+}
+
 constexpr int kSignals[] = {ATCMD_SIG_PLUG, ATCMD_SIG_UNPLUG, ATCMD_SIG_HIDDEMON_RUNNING,
                             ATCMD_SIG_HANDSHAKE};
 
@@ -215,9 +236,8 @@ void *atcmder_sigProcess_thread(void * /*arg*/) {
     prctl(PR_SET_NAME, "sigProcess_thread");
     ATCMD_LOG(ATCMD_LEVEL_STATE, "atcmder_sigProcess_thread thread is running");
 
-    int sig = 0;  // no handler acts on 0, should the very first wait fail
     for (;;) {
-        if (sigwait(&set, &sig) != 0) ATCMD_LOG(ATCMD_LEVEL_ERROR, "sigwait error");
+        const int sig = wait_for_signal(&set);
         ATCMD_LOG(ATCMD_LEVEL_STATE, "atcmder_sigProcess_thread handling thread got signal %d",
                   sig);
         struct atcmdprocess_device *dev = g_patcmd_dev;
