@@ -378,3 +378,55 @@ TEST_F(UsbLinkTest, ANodeThatAppearsBehindARefusedEntryIsTaken) {
     EXPECT_EQ(mode(), AT_MODE_USB);
     EXPECT_EQ(count_in_log(sb, "a refused port's hold ended, looking again"), 1u);
 }
+
+namespace {
+
+// A notify callback that holds the dispatch thread in the first SCREEN notice until released, so
+// that the lines read after it wait on the receive queue.
+std::mutex g_gate_mutex;
+std::condition_variable g_gate_cv;
+bool g_gate_open = false;
+bool g_gate_held = false;
+
+void gated_callback(const AT_CMD_CbMsg_t *msg) {
+    if (msg->msg_id == AT_MSG_SCREEN) {
+        std::unique_lock<std::mutex> lock(g_gate_mutex);
+        g_gate_held = true;
+        g_gate_cv.notify_all();
+        g_gate_cv.wait(lock, [] { return g_gate_open; });
+    }
+    Recorder::callback(msg);
+}
+
+}  // namespace
+
+// The accessory's backlog ends in "+USBSTATE=1,1" and the cable is pulled while dispatch is
+// behind: the unplug is told, and the state read from the port already gone changes nothing.
+TEST_F(UsbLinkTest, AStateFromAPortAlreadyGoneDoesNotOutliveItsUnplug) {
+    Pty &acm = port(sb, 3);
+    open();
+    ASSERT_TRUE(usb_events(1));
+    dev->set_notify_callback(dev, gated_callback);
+    acm.write("+SCREEN=5\r\n+USBSTATE=1,1\r\n");
+    {
+        std::unique_lock<std::mutex> lock(g_gate_mutex);
+        ASSERT_TRUE(g_gate_cv.wait_for(lock, std::chrono::milliseconds(kLongWait),
+                                       [] { return g_gate_held; }));
+    }
+    ASSERT_TRUE(sb.wait_log("receive data is +SCREEN=5\r\n+USBSTATE=1,1", kLongWait));
+    ASSERT_EQ(unlink(sb.path("/dev/ttyACM3").c_str()), 0);
+    acm.close_master();
+    ASSERT_TRUE(usb_events(2));
+    EXPECT_TRUE(wait_until([] { return link_load(g_vuart_fd) == -1; }, kLongWait));
+    {
+        std::lock_guard<std::mutex> lock(g_gate_mutex);
+        g_gate_open = true;
+    }
+    g_gate_cv.notify_all();
+    ASSERT_TRUE(sb.wait_log("USBSTATE_parser source is 3", kLongWait));
+    ASSERT_TRUE(supervisor_caught_up(sb));
+    EXPECT_EQ(usb_pairs(), (std::vector<Pair>{{1, -1}, {0, -1}}));
+    EXPECT_EQ(link_load(dev->usb_connected), 0);
+    EXPECT_EQ(mode(), AT_MODE_NONE);
+    EXPECT_TRUE(sb.wait_log("USB state 1,1 from a port no longer held, dropped", kLongWait));
+}

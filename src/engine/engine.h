@@ -26,11 +26,13 @@ enum atcmder_queue_status : uint32_t {
 };
 
 /* One queued record: a copy of the record, its own text buffer (the copy's data points there)
- * and the links of a tail queue. */
+ * and the links of a tail queue; last, the record's origin (atcmder_set_origin), which travels
+ * beside the record so that the record itself keeps its layout. */
 struct atcmder_node {
     AtCmder_t cmd;
     char buf[AT_LINE_BUF_SIZE];
     TAILQ_ENTRY(atcmder_node) link;
+    uint32_t origin;
 };
 TAILQ_HEAD(atcmder_queue_head, atcmder_node);
 
@@ -147,6 +149,14 @@ void at_rx_frame(struct at_rx_buffer *rx, size_t received, at_rx_deliver_fn deli
 uint32_t atcmder_send_to_tx(const AtCmder_t *cmd);
 uint32_t atcmder_send_to_rx(const AtCmder_t *cmd);
 uint32_t atcmder_send_to_timeout(const AtCmder_t *cmd);
+
+/* Where the records the calling thread queues from now on were read: the generation of the
+ * accessory's USB port (VuartSeen.changes) for its receive thread, 0 (the default) for every
+ * other link and producer. atcmder_taken_origin gives the origin of the record the calling
+ * thread last took off a queue, so that a parser can weigh what a line says about the link
+ * against the port held when it is handled. */
+void atcmder_set_origin(uint32_t origin);
+uint32_t atcmder_taken_origin(void);
 
 /* A burst of records from one thread (one received chunk): the records it queues are held by
  * the thread and join their queues, in order, at the matching end, each queue under one lock

@@ -40,6 +40,9 @@ pthread_t g_find_acmdev_thread = 0;
 // the supervisor reads it. Taken alone, never with another lock.
 std::mutex g_dev_ACM_name_mutex;
 
+// UsbStateLock's mutex: orders the stores of the USB words and their notice (see hotplug.h).
+pthread_mutex_t g_usb_state_mutex = PTHREAD_MUTEX_INITIALIZER;
+
 namespace {
 
 constexpr char kDevDir[] = "/dev";
@@ -239,6 +242,14 @@ int dev_hotplug_init(void) {
     ifd.release();
     link_store(g_find_acmdev_thread, thread);
     return 0;
+}
+
+UsbStateLock::UsbStateLock() { pthread_mutex_lock(&g_usb_state_mutex); }
+UsbStateLock::~UsbStateLock() { pthread_mutex_unlock(&g_usb_state_mutex); }
+
+bool usb_state_from_held_port(uint32_t origin) {
+    if (origin == 0) return true;
+    return origin == vuart_generation() && link_load(g_vuart_fd) != -1;
 }
 
 void notify_usbevent(void) {

@@ -114,21 +114,26 @@ void *atcmder_VuartRx_thread(void * /*arg*/) {
     memset(&line, 0, sizeof line);
     // The thread reads its own copy of the port held, taken anew whenever the port held changes;
     // a switch wakes it at once. What an old port left of an unfinished line is dropped then, so
-    // that the new port's first line is parsed as it was sent.
+    // that the new port's first line is parsed as it was sent. Each line is parsed under the
+    // generation of the port it was read from, so what it says of the link is weighed against
+    // the port held when it is handled.
     VuartCopy copy;
     for (;;) {
         if (copy.port.get() == -1 || vuart_held_changed(&copy.seen)) {
             if (copy.port.get() != -1) at_rx_drop(&rx, "the port changed");
             if (!vuart_take(&copy)) break;
+            atcmder_set_origin(copy.seen.changes);
         }
         if (!port_ready(&copy)) continue;
         const int n = VUART_Recv(copy.port.get(), rx.data + rx.fill, at_rx_room(&rx), kNoWait);
         if (n < 1) {
             if (port_may_return(&copy.seen)) continue;  // what was held of a line is kept
             copy.port.reset();
+            atcmder_set_origin(0);
             return disappear_exit();
         }
         at_rx_frame(&rx, static_cast<size_t>(n), deliver, too_long, &line);
     }
+    atcmder_set_origin(0);
     return cannot_find_exit();
 }

@@ -70,10 +70,14 @@ __attribute__((noinline)) void close_accessory_port(void) {
 // The port went away: the upper layer hears of it, then the port is dropped and the mode set.
 // The receive thread ends by itself once it sees the -1.
 void unplug(struct atcmdprocess_device *dev) {
-    link_store(dev->usb_status, -1);
-    link_store(dev->usb_connected, 0);
-    notify_usbevent();
-    close_accessory_port();
+    {
+        // A state answer from this port is told before this, or dropped (its port is gone).
+        UsbStateLock usb;
+        link_store(dev->usb_status, -1);
+        link_store(dev->usb_connected, 0);
+        notify_usbevent();
+        close_accessory_port();
+    }
     {
         WifiLinkLock lock;  // a disconnect does not slip between the look and the store
         const bool wifi_wanted = link_load(dev->system_status.wifi_status) == 1;
@@ -93,7 +97,9 @@ bool open_port(int32_t n) {
         return false;
     }
     // The new port replaces the old in one step, so the receive and transmit threads, woken by
-    // the switch, never find no port between the two and take it for an unplug.
+    // the switch, never find no port between the two and take it for an unplug. What the old
+    // port says of the link from here on is not weighed.
+    UsbStateLock usb;
     vuart_hold(fd);
     g_held_port = n;
     g_plug_told = false;
@@ -110,10 +116,16 @@ void finish_plug(struct atcmdprocess_device *dev) {
     }
     if (g_plug_told) return;
     g_plug_told = true;
-    link_store(dev->usb_connected, 1);
-    link_store(dev->system_status.mode, static_cast<int32_t>(AT_MODE_USB));
-    get_corvel_info();
-    notify_usbevent();
+    {
+        UsbStateLock usb;
+        link_store(dev->usb_connected, 1);
+        link_store(dev->system_status.mode, static_cast<int32_t>(AT_MODE_USB));
+    }
+    get_corvel_info();  // paced queries: not under the lock, which dispatch may be waiting for
+    {
+        UsbStateLock usb;
+        notify_usbevent();
+    }
     log_cast_mode(dev);
 }
 
