@@ -430,3 +430,16 @@ TEST_F(UsbLinkTest, AStateFromAPortAlreadyGoneDoesNotOutliveItsUnplug) {
     EXPECT_EQ(mode(), AT_MODE_NONE);
     EXPECT_TRUE(sb.wait_log("USB state 1,1 from a port no longer held, dropped", kLongWait));
 }
+
+// More "/dev" events at once than one read holds (about 128): the one wake of the edge-triggered
+// watch reads them all, so a port made last in a burst is announced without a further change.
+TEST(HotplugEventsTest, ABurstLargerThanOneReadIsReadToTheEnd) {
+    Sandbox sb;
+    link_store(fd_inotify_input, inotify_input_event());
+    ASSERT_GE(link_load(fd_inotify_input), 0);
+    for (int i = 0; i < 300; ++i) write_text_file(sb.path("/dev/other" + std::to_string(i)), "");
+    port(sb, 3);
+    link_store(g_dev_ACM, -1);
+    ASSERT_EQ(dev_event_process(), 0);
+    EXPECT_EQ(link_load(g_dev_ACM), 3);
+}
