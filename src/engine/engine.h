@@ -126,6 +126,10 @@ enum atcmder_tx_status : uint32_t {
 struct at_rx_buffer {
     char data[AT_RX_BUF_SIZE + 1]; /* one more for the terminator */
     size_t fill;
+    /* A run of reads that held NUL bytes is logged by its first read and then as a count (a
+     * peer that floods NULs costs a few log lines, not one per read). */
+    size_t nul_run_reads;
+    size_t nul_run_bytes;
 };
 
 /* Called with each NUL-terminated run of complete lines, to be handed to the line parser. */
