@@ -39,8 +39,8 @@ run_suite() {
   (cd "$dir" && ctest -j"$jobs" --output-on-failure --timeout 120)
 }
 
-# The link race test runs its 50 sequences in the plain stage; the slower stages run fewer
-# (ATCMD_RACE_SEQUENCES, per shard of five), enough for the sanitizers to see each path.
+# The link race test runs its 81 sequences in the plain stage; the slower stages run fewer
+# (ATCMD_RACE_SEQUENCES, per shard of nine), enough for the sanitizers to see each path.
 run_suite build ""
 ATCMD_RACE_SEQUENCES=2 run_suite build-asan "address,undefined"
 ATCMD_RACE_SEQUENCES=4 run_suite build-tsan "thread"

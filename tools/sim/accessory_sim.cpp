@@ -99,6 +99,8 @@ struct AccSim {
     int drop_next = 0;
     std::set<std::string> silent;
     bool split = false;
+    bool deaf = false;      // the USB link is not read: what the phone writes piles up
+    std::string node_path;  // as written; empty: the port is linked as dev/ttyACMn itself
     int reports_sent = 0;
 };
 
@@ -231,7 +233,7 @@ int plug_locked(AccSim *s, int n) {
     if (s->master >= 0) return 0;
     const std::string name = "ttyACM" + std::to_string(n);
     const std::string dir = rooted("/sys/class/tty/" + name + "/device");
-    const std::string link = rooted("/dev/" + name);
+    const std::string link = rooted(s->node_path.empty() ? "/dev/" + name : s->node_path);
     char slave_name[128];
     if (dir.empty() || link.empty() || !make_dirs(dir) || !make_dirs(rooted("/dev")) ||
         !write_text_file(dir + "/uevent", kUevent) ||
@@ -258,7 +260,7 @@ int plug_locked(AccSim *s, int n) {
 void unplug_locked(AccSim *s) {
     if (s->master < 0) return;
     const std::string name = "ttyACM" + std::to_string(s->acm_number);
-    unlink(rooted("/dev/" + name).c_str());
+    unlink(rooted(s->node_path.empty() ? "/dev/" + name : s->node_path).c_str());
     unlink(rooted("/sys/class/tty/" + name + "/device/uevent").c_str());
     close_port_locked(s);
     note(s, AccLink::Usb, "!!", "unplugged " + name);
@@ -321,7 +323,8 @@ void sim_loop(AccSim *s) {
     std::unique_lock<std::mutex> lock(s->mu);
     while (!s->stopping) {
         const int timeout = run_due_locked(s);
-        struct pollfd fds[3] = {{s->wake[0], POLLIN, 0}, {s->master, POLLIN, 0}, {s->wifi_in, POLLIN, 0}};
+        const int usb = s->deaf ? -1 : s->master;  // poll passes over a negative descriptor
+        struct pollfd fds[3] = {{s->wake[0], POLLIN, 0}, {usb, POLLIN, 0}, {s->wifi_in, POLLIN, 0}};
         lock.unlock();
         const int r = poll(fds, 3, timeout);
         lock.lock();
@@ -396,7 +399,22 @@ void acc_sim_destroy(AccSim *s) {
 
 int acc_sim_plug(AccSim *s, int acm_number) {
     std::lock_guard<std::mutex> lock(s->mu);
+    if (s->master < 0) s->node_path.clear();
     return plug_locked(s, acm_number);
+}
+
+int acc_sim_plug_behind(AccSim *s, int acm_number, const std::string &node_path) {
+    std::lock_guard<std::mutex> lock(s->mu);
+    if (s->master >= 0) return 0;
+    s->node_path = node_path;
+    return plug_locked(s, acm_number);
+}
+
+void acc_sim_set_deaf(AccSim *s, bool deaf) {
+    std::lock_guard<std::mutex> lock(s->mu);
+    if (deaf != s->deaf) note(s, AccLink::Usb, "!!", deaf ? "stops reading" : "reads again");
+    s->deaf = deaf;
+    wake_thread(s);
 }
 
 void acc_sim_unplug(AccSim *s) {

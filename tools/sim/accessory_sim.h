@@ -54,6 +54,11 @@ void acc_sim_destroy(AccSim *sim);
 // Plug: makes sys/class/tty/ttyACMn/device/uevent, then the link dev/ttyACMn to a fresh
 // pseudo-terminal. Returns 0, or -1 (logged through the observer) when it cannot.
 int acc_sim_plug(AccSim *sim, int acm_number);
+// Plug behind an entry already there: the sysfs uevent as above, and the link `node_path` (as
+// written, e.g. "/nodes/acm3"), which an entry dev/ttyACMn made by someone else may lead to: a
+// node that appears behind an existing entry, with no entry made. Re-plugs (a scheduled bounce)
+// use the same place until the next acc_sim_plug.
+int acc_sim_plug_behind(AccSim *sim, int acm_number, const std::string &node_path);
 // Unplug: removes the link and closes the pseudo-terminal, so the module's read fails.
 void acc_sim_unplug(AccSim *sim);
 bool acc_sim_plugged(AccSim *sim);
@@ -87,6 +92,7 @@ void acc_sim_set_delay(AccSim *sim, int answer_delay_ms);
 void acc_sim_drop_next(AccSim *sim, int answers);           // the next n answers are not sent
 void acc_sim_set_silent(AccSim *sim, const std::string &keyword, bool silent);  // e.g. "+SN"
 void acc_sim_set_split(AccSim *sim, bool split);            // each line in three writes
+void acc_sim_set_deaf(AccSim *sim, bool deaf);              // the USB link is not read
 void acc_sim_send_garbage(AccSim *sim, int bytes);          // binary bytes, then CR LF
 void acc_sim_send_overlong(AccSim *sim, int bytes);         // one line of `bytes` characters
 // Unplugs after `unplug_ms` and plugs the same port again `replug_ms` after that (-1: never).
