@@ -9,7 +9,6 @@
 // ATCMD_RACE_SEED replays a shard, ATCMD_RACE_SEQUENCES sizes it.
 #include <gtest/gtest.h>
 
-#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -213,22 +212,10 @@ private:
         AccSim *held = holder();
         if (held == nullptr) return;
         acc_sim_set_deaf(held, true);
-        const std::string port = sb_.path(held == acc_ ? "/dev/ttyACM3" : "/dev/ttyACM4");
-        const int fd = open(port.c_str(), O_WRONLY | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);
-        const std::string block(512, 'f');
-        while (fd >= 0 && write(fd, block.data(), block.size()) > 0) {}
-        if (fd >= 0) close(fd);
+        fill_towards_peer(sb_.path(held == acc_ ? "/dev/ttyACM3" : "/dev/ttyACM4"));
         for (int i = 0; i < kRequestsToADeafPeer; ++i) {
-            char text[AT_LINE_BUF_SIZE];
             const uint16_t seq = static_cast<uint16_t>(30000 + ++requests_);
-            snprintf(text, sizeof text, "AT+BAT?#%u&1\r\n", seq);
-            AtCmder_t cmd = {};
-            cmd.type = AT_TYPE_QUERY;
-            cmd.flag = PLATFORM_VUART;
-            cmd.cmd_id = AT_MSG_BAT;
-            cmd.seq_num = seq;
-            cmd.data = text;
-            dev_->atcmdprocess_cmd_from_hidl(&cmd);
+            send_query(dev_, "AT+BAT?#" + std::to_string(seq) + "&1\r\n", AT_MSG_BAT, seq);
         }
     }
 

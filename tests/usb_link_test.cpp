@@ -281,35 +281,6 @@ int unread_by_module(const Pty &pty) {
     return unread;
 }
 
-// Fills what the port behind `pty` holds towards the accessory until it takes no more, as a
-// peer that stopped reading leaves it; returns the bytes written.
-size_t fill_towards_peer(const Pty &pty) {
-    const int fd = open(pty.slave_path().c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);
-    if (fd < 0) return 0;
-    const std::string chunk(512, 'f');
-    size_t written = 0;
-    for (;;) {
-        const ssize_t n = ::write(fd, chunk.data(), chunk.size());
-        if (n <= 0) break;
-        written += static_cast<size_t>(n);
-    }
-    close(fd);
-    return written;
-}
-
-void send_request(atcmdprocess_device_t *dev, const std::string &line, uint8_t cmd_id,
-                  uint16_t seq) {
-    char text[AT_LINE_BUF_SIZE];
-    snprintf(text, sizeof text, "%s", line.c_str());
-    AtCmder_t cmd = {};
-    cmd.type = AT_TYPE_QUERY;
-    cmd.flag = PLATFORM_VUART;
-    cmd.cmd_id = cmd_id;
-    cmd.seq_num = seq;
-    cmd.data = text;
-    ASSERT_EQ(dev->atcmdprocess_cmd_from_hidl(&cmd), 0);
-}
-
 bool has(const std::string &text, const std::string &what) { return text.find(what) != text.npos; }
 
 }  // namespace
@@ -323,12 +294,12 @@ TEST_F(UsbLinkTest, APeerThatStopsReadingHoldsNoLink) {
     open();
     ASSERT_TRUE(usb_events(1));
     // The pseudo-terminal moves what it holds on in steps: filled until a fill takes nothing.
-    ASSERT_GT(fill_towards_peer(deaf), 0u);
-    ASSERT_TRUE(wait_until([&] { return fill_towards_peer(deaf) == 0; }, kLongWait));
+    ASSERT_GT(fill_towards_peer(deaf.slave_path()), 0u);
+    ASSERT_TRUE(wait_until([&] { return fill_towards_peer(deaf.slave_path()) == 0; }, kLongWait));
     // More than the terminal moves on by itself (4 KiB), in long lines.
     for (uint16_t seq = 1; seq <= 60; ++seq) {
-        send_request(dev, "AT+BAT?#" + std::to_string(seq) + "&1" + std::string(120, ' ') + "\r\n",
-                     AT_MSG_BAT, seq);
+        ASSERT_EQ(send_query(dev, "AT+BAT?#" + std::to_string(seq) + "&1" + std::string(120, ' ') +
+                                      "\r\n", AT_MSG_BAT, seq), 0);
     }
     EXPECT_TRUE(sb.wait_log("peer took nothing for", kLongWait));
     Pty &second = port(sb, 4);
