@@ -48,7 +48,8 @@ constexpr int kFloodMaxMs = kStepUnderFloodMs + kSettleMs + 3000;
 constexpr char kCorvelUevent[] = "PRODUCT=7a1d/5101/100\n";
 constexpr char kNode[] = "/node-acm3";          // where a node behind the entry ttyACM3 appears
 constexpr uint16_t kHalfLineSeq = 310;          // the unfinished line's sequence number
-constexpr int kRequestsToADeafPeer = 20;
+constexpr int kBacklogLines = 200;
+constexpr int kRequestsToADeafPeer = 40;  // of 140 bytes each
 
 struct Step { Ev ev; int gap_ms; int replug_ms; };  // gap before the event; a bounce's time off
 // busy: the MAC property unset, so each interrogation keeps the supervisor busy.
@@ -212,10 +213,14 @@ private:
         AccSim *held = holder();
         if (held == nullptr) return;
         acc_sim_set_deaf(held, true);
-        fill_towards_peer(sb_.path(held == acc_ ? "/dev/ttyACM3" : "/dev/ttyACM4"));
-        for (int i = 0; i < kRequestsToADeafPeer; ++i) {
+        // The terminal moves what it holds on in steps: filled until a fill takes nothing.
+        const std::string port = sb_.path(held == acc_ ? "/dev/ttyACM3" : "/dev/ttyACM4");
+        fill_towards_peer(port);
+        wait_until([&] { return fill_towards_peer(port) == 0; }, 2000);
+        for (int i = 0; i < kRequestsToADeafPeer; ++i) {  // more than it moves on by itself
             const uint16_t seq = static_cast<uint16_t>(30000 + ++requests_);
-            send_query(dev_, "AT+BAT?#" + std::to_string(seq) + "&1\r\n", AT_MSG_BAT, seq);
+            send_query(dev_, "AT+BAT?#" + std::to_string(seq) + "&1" + std::string(120, ' ') + "\r\n",
+                       AT_MSG_BAT, seq);
         }
     }
 
@@ -264,19 +269,26 @@ private:
         ASSERT_EQ(0, acc_sim_plug_behind(acc_, 3, kNode));
     }
 
-    // A backlog that ends in a USB state answer, and the cable pulled right after it.
+    // A backlog that ends in a USB state answer, and the cable pulled once the module has read
+    // it (a pulled cable takes what was still unread with it), while dispatch is still on it.
     void backlog_then_pull() {
         if (!acc_sim_plugged(acc_)) return;
         std::string backlog;
-        for (int i = 0; i < 50; ++i) backlog += "+SCREEN=5\r\n";
-        acc_sim_send_on(acc_, AccLink::Usb, backlog + "+USBSTATE=1,1");
+        for (int i = 0; i < kBacklogLines; ++i) backlog += "+SCREEN=5\r\n";
+        if (acc_sim_send_on(acc_, AccLink::Usb, backlog + "+USBSTATE=1,1")) {
+            const std::string port = sb_.path("/dev/ttyACM3");
+            wait_until([&] { return unread_by_module(port) <= 0; }, 2000);
+        }
         acc_sim_unplug(acc_);
     }
 
     // The plugged accessory whose port the module holds, by the device its descriptor is on.
+    // (Through a copy taken under the port's lock, as the module's own threads take it: the
+    // number itself may be closed and given out again meanwhile.)
     AccSim *holder() {
+        VuartCopy copy;
         struct stat held;
-        if (fstat(link_load(g_vuart_fd), &held) != 0) return nullptr;
+        if (!vuart_take(&copy) || fstat(copy.port.get(), &held) != 0) return nullptr;
         for (auto [sim, name] : {std::pair<AccSim *, const char *>{acc_, "/dev/ttyACM3"}, {second_, "/dev/ttyACM4"}}) {
             struct stat port;
             if (acc_sim_plugged(sim) && stat(sb_.path(name).c_str(), &port) == 0 &&

@@ -3,9 +3,6 @@
 // files, opened by the supervisor, read by the receive thread, and pulled or removed again.
 #include <gtest/gtest.h>
 
-#include <fcntl.h>
-#include <sys/ioctl.h>
-
 #include <stdio.h>
 #include <string.h>
 #include <sys/stat.h>
@@ -272,15 +269,6 @@ TEST(ParseDevNameTest, NumbersOnlyAcmNamesAndKeepsTheirNameCut) {
 
 namespace {
 
-// Bytes the module has not yet read from the port behind `pty` (the slave's input).
-int unread_by_module(const Pty &pty) {
-    const int fd = open(pty.slave_path().c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);
-    int unread = -1;
-    if (fd >= 0) ioctl(fd, FIONREAD, &unread);
-    if (fd >= 0) close(fd);
-    return unread;
-}
-
 bool has(const std::string &text, const std::string &what) { return text.find(what) != text.npos; }
 
 }  // namespace
@@ -318,7 +306,7 @@ TEST_F(UsbLinkTest, ASwitchDropsTheOldPortsUnfinishedLine) {
     open();
     ASSERT_TRUE(usb_events(1));
     first.write("+SCREEN=8#310");
-    ASSERT_TRUE(wait_until([&] { return unread_by_module(first) == 0; }, kLongWait));
+    ASSERT_TRUE(wait_until([&] { return unread_by_module(first.slave_path()) == 0; }, kLongWait));
     Pty &second = port(sb, 4);
     ASSERT_TRUE(usb_events(2));
     second.write("+SCREEN=9#311&1\r\n");

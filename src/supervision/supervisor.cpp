@@ -14,6 +14,8 @@
  *    word while Wi-Fi is wanted; a report overtaken by a failure, a stop or a disconnect does
  *    nothing. Closing is done by those, under the same Wi-Fi link lock.
  *  - The handshake is a request, not a state: it is carried out on its own signal.
+ * The end of a refused port's hold is the one wake that is not a signal: a port that could not
+ * be opened is looked at again when it ends, so a node that appears behind its entry is taken.
  */
 #define LOG_TAG "ATCMD_MANAGE"
 
@@ -58,9 +60,9 @@ int32_t g_held_port = -1;        // n of the port g_vuart_fd was opened on
 bool g_plug_told = false;        // the plug of the held port has been carried out and told
 uint32_t g_wifi_opened_for = 0;  // the "running" report the channel was last opened for
 
-// Closes the accessory's port and marks it closed. The VUART receive thread may be blocked in a
-// read of it and the transmit thread may be writing it: they see -1 on their next pass, which
-// is how both learn that the port went away.
+// Closes the accessory's port and marks it closed. The VUART receive thread waiting on it and
+// the transmit thread writing it hold copies of their own; the port's end pipe wakes both at
+// once, which is how they learn that the port went away.
 __attribute__((noinline)) void close_accessory_port(void) {
     vuart_hold(-1);
     g_held_port = -1;
@@ -93,7 +95,7 @@ bool open_port(int32_t n) {
     SUPERVISOR_LOG(ATCMD_LEVEL_DETAIL, "hot pluged device is corvel.");
     int32_t fd = -1;
     if (VUART_init(&fd, n) != 0) {
-        acm_port_unusable(n);  // stays closed until the entry is made anew
+        acm_port_unusable(n);  // passed over until its entry is made anew or its refusal ends
         return false;
     }
     // The new port replaces the old in one step, so the receive and transmit threads, woken by

@@ -8,6 +8,7 @@
 #include <string.h>
 #include <errno.h>
 #include <stdio.h>
+#include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <time.h>
 #include <unistd.h>
@@ -311,6 +312,14 @@ int send_query(atcmdprocess_device_t *dev, const std::string &line, uint8_t cmd_
     cmd.seq_num = seq;
     cmd.data = text;
     return dev->atcmdprocess_cmd_from_hidl(&cmd);
+}
+
+int unread_by_module(const std::string &port_path) {
+    const int fd = open(port_path.c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);
+    int unread = -1;
+    if (fd >= 0 && ioctl(fd, FIONREAD, &unread) != 0) unread = -1;
+    if (fd >= 0) close(fd);
+    return unread;
 }
 
 size_t fill_towards_peer(const std::string &port_path) {

@@ -164,6 +164,10 @@ int send_query(atcmdprocess_device_t *dev, const std::string &line, uint8_t cmd_
 // the module's lines pile up towards an accessory that stopped reading; returns the bytes taken.
 size_t fill_towards_peer(const std::string &port_path);
 
+// Bytes written by the accessory into the terminal at `port_path` that the module has not yet
+// read; -1 when the terminal cannot be opened.
+int unread_by_module(const std::string &port_path);
+
 // Takes every record off a queue (Tx_head by default), in order.
 std::vector<QueuedLine> drain_queue(struct atcmder_queue_head *head, pthread_mutex_t *mutex);
 std::vector<QueuedLine> drain_tx_queue();
