@@ -382,8 +382,8 @@ bool wait_for(Pred pred, int timeout_ms) {
         if (state == 2) {
             acc_sim_unplug(acc);
             dev->atcmdprocess_wifi_init("10.0.0.1");
-            ok = wait_for([] { return __atomic_load_n(&g_wifiHBeat_thread, __ATOMIC_ACQUIRE) != 0; },
-                          kPlugWaitMs) && interrogated(seen);
+            auto running = [] { return __atomic_load_n(&g_wifiHBeat_thread, __ATOMIC_ACQUIRE) != 0; };
+            ok = wait_for(running, kPlugWaitMs) && interrogated(seen);
         }
         byte = ok ? 'o' : 'x';
         if (write(ready, &byte, 1) != 1) _exit(1);
