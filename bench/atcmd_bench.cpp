@@ -1,8 +1,10 @@
 /*
  * The module's benchmark: parse and hand-over, the same lines end to end to the notify callback,
  * request-to-callback round trips through the USB port with the accessory simulator answering,
- * and the CPU, wake-ups and memory of an opened idle module. Prints one table.
- * Usage: atcmd_bench [--quick] [--parse-only | --e2e-only] (shorter runs; one row, to profile).
+ * and the CPU, memory and wake-ups of an opened idle module in each link state (nothing plugged,
+ * accessory plugged, Wi-Fi up, both), thread by thread. Prints one table.
+ * Usage: atcmd_bench [--quick] [--parse-only | --e2e-only | --idle-only] (shorter runs; one
+ * row, to profile; the idle rows alone).
  * The bench thread plays a receive thread, then the upper layer; the simulator runs its own
  * thread; a child process is the idle module.
  */
@@ -22,6 +24,8 @@
 #include <condition_variable>
 #include <dirent.h>
 #include <fstream>
+#include <iterator>
+#include <map>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -33,6 +37,8 @@
 #include "hal/hal.h"
 #include "log/atcmd_log.h"
 #include "sim/accessory_sim.h"
+#include "sim/daemon_sim.h"
+#include "wifi/wifi.h"
 
 namespace {
 
@@ -40,7 +46,7 @@ using Clock = std::chrono::steady_clock;
 
 constexpr size_t kChunkMax = 512;          // receive chunks of whole lines, as a link delivers
 constexpr double kWireAnswerLines = 2000;  // 460800 bit/s carries about 2,000 answer lines/s
-constexpr int kIdleSeconds = 10;
+constexpr int kIdleSeconds = 60;  // in each link state
 constexpr int kAcmNumber = 3;       // the simulated accessory plugs in as dev/ttyACM3
 constexpr int kPlugWaitMs = 10000;  // plug, discovery and the start-up interrogation
 
@@ -269,32 +275,36 @@ double sustained_per_s(atcmdprocess_device_t *dev, double seconds, size_t window
 
 // ---- The idle module, in a child process ------------------------------------------------------
 
-struct TaskTotals {
-    double cpu_s = 0;
+// Context switches and CPU time of one thread of the child.
+struct TaskStat {
+    std::string name;
     long switches = 0;
+    double cpu_s = 0;
 };
 
-TaskTotals task_totals(pid_t pid) {
-    TaskTotals totals;
+std::map<std::string, TaskStat> task_stats(pid_t pid) {  // by thread id
+    std::map<std::string, TaskStat> stats;
     const std::string dir = "/proc/" + std::to_string(pid) + "/task";
     DIR *tasks = opendir(dir.c_str());
-    if (tasks == nullptr) return totals;
+    if (tasks == nullptr) return stats;
     while (const struct dirent *e = readdir(tasks)) {
         if (e->d_name[0] == '.') continue;
-        std::ifstream sched(dir + "/" + e->d_name + "/schedstat");
+        TaskStat &t = stats[e->d_name];
+        const std::string task = dir + "/" + e->d_name;
+        std::ifstream(task + "/comm") >> t.name;
         double ns = 0;
-        sched >> ns;
-        totals.cpu_s += ns / 1e9;
-        std::ifstream status(dir + "/" + e->d_name + "/status");
+        std::ifstream(task + "/schedstat") >> ns;
+        t.cpu_s = ns / 1e9;
+        std::ifstream status(task + "/status");
         std::string line;
         while (std::getline(status, line)) {
             if (line.find("ctxt_switches:") != std::string::npos) {
-                totals.switches += atol(line.c_str() + line.find(':') + 1);
+                t.switches += atol(line.c_str() + line.find(':') + 1);
             }
         }
     }
     closedir(tasks);
-    return totals;
+    return stats;
 }
 
 long rss_kib(pid_t pid) {
@@ -314,36 +324,120 @@ atcmdprocess_device_t *open_device() {
     return dev;
 }
 
+// The link states an idle module is measured in, in the order the child walks them.
+const char *const kIdleStates[] = {"nothing plugged", "accessory plugged", "Wi-Fi up",
+                                   "accessory and Wi-Fi"};
+// The threads of the simulators and of the child's own main thread are not the module's.
+const char *const kNotModule[] = {"acc_sim", "daemon_sim", "daemon_report", "atcmd_bench"};
+
+bool is_module_thread(const std::string &name) {
+    return std::none_of(std::begin(kNotModule), std::end(kNotModule),
+                        [&](const char *other) { return name == other; });
+}
+
+void relay_report(void *ctx, const std::string &status) {
+    auto *dev = static_cast<atcmdprocess_device_t *>(ctx);
+    dev->atcmdprocess_hiddemon_stchange(status.c_str());
+}
+
+// Nothing waits to be sent or for an answer.
+bool queues_idle_now() {
+    return atcmder_empty_queue(&Tx_head, &g_txqueue_mutex) == 1 &&
+           atcmder_empty_queue(&Timeout_head, &g_timeoutqueue_mutex) == 1;
+}
+
+template <typename Pred>
+bool wait_for(Pred pred, int timeout_ms) {
+    const auto until = Clock::now() + std::chrono::milliseconds(timeout_ms);
+    while (!pred()) {
+        if (Clock::now() >= until) return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    return true;
+}
+
+// The child: opens the module, and for each byte read from `next` brings the next link state
+// about with the simulators (in this process, as the upper layer and the peers), then writes a
+// byte to `ready`. The module's threads and the simulators' are told apart by name.
+[[noreturn]] void idle_child(int next, int ready) {
+    const int devnull = open("/dev/null", O_WRONLY | O_CLOEXEC);
+    dup2(devnull, 1);
+    dup2(devnull, 2);
+    atcmdprocess_device_t *dev = open_device();
+    if (dev == nullptr) _exit(1);
+    using namespace atcmd_tools;
+    AccSim *acc = acc_sim_create(AccIdentity{}, nullptr, nullptr);
+    daemon_sim_create(acc, relay_report, nullptr, dev);  // lives as long as the child
+    // Each link that comes up interrogates the accessory; the state holds once that is over.
+    auto interrogated = [&](size_t seen) {
+        return acc_sim_wait_received(acc, "AT+VER?", kPlugWaitMs, seen) &&
+               wait_for([&] { return queues_idle_now(); }, kPlugWaitMs) && wait_quiet(kPlugWaitMs);
+    };
+    char byte = 0;
+    for (size_t state = 0; state < std::size(kIdleStates); ++state) {
+        if (read(next, &byte, 1) != 1) _exit(1);
+        const size_t seen = acc_sim_received(acc).size();
+        bool ok = true;
+        if (state == 1 || state == 3) ok = acc_sim_plug(acc, kAcmNumber) == 0 && interrogated(seen);
+        if (state == 2) {
+            acc_sim_unplug(acc);
+            dev->atcmdprocess_wifi_init("10.0.0.1");
+            auto running = [] { return __atomic_load_n(&g_wifiHBeat_thread, __ATOMIC_ACQUIRE) != 0; };
+            ok = wait_for(running, kPlugWaitMs) && interrogated(seen);
+        }
+        byte = ok ? 'o' : 'x';
+        if (write(ready, &byte, 1) != 1) _exit(1);
+    }
+    for (;;) pause();
+}
+
+// Wakes of the module's threads over `seconds` of idle in each link state, with the CPU time
+// and memory of the first state.
 void measure_idle(int seconds) {
-    int ready[2];
-    if (pipe2(ready, O_CLOEXEC) != 0) return;
+    int next[2], ready[2];
+    if (pipe2(next, O_CLOEXEC) != 0 || pipe2(ready, O_CLOEXEC) != 0) return;
     const pid_t child = fork();
     if (child == 0) {
+        close(next[1]);
         close(ready[0]);
-        const int devnull = open("/dev/null", O_WRONLY | O_CLOEXEC);
-        dup2(devnull, 1);
-        dup2(devnull, 2);
-        if (open_device() == nullptr) _exit(1);
-        if (write(ready[1], "o", 1) != 1) _exit(1);
-        for (;;) pause();
+        idle_child(next[0], ready[1]);
     }
+    close(next[0]);
     close(ready[1]);
-    char byte;
-    const bool opened = read(ready[0], &byte, 1) == 1;
-    close(ready[0]);
-    if (opened) {
+    for (size_t state = 0; state < std::size(kIdleStates); ++state) {
+        char byte = 'n';
+        if (write(next[1], &byte, 1) != 1 || read(ready[0], &byte, 1) != 1) break;
+        const std::string what = std::string("idle, ") + kIdleStates[state] + ": wake-ups";
+        if (byte != 'o') {
+            g_rows.push_back({what, "state not reached", "", ""});
+            continue;
+        }
         std::this_thread::sleep_for(std::chrono::seconds(1));  // let the threads settle
-        const TaskTotals before = task_totals(child);
+        const auto before = task_stats(child);
         std::this_thread::sleep_for(std::chrono::seconds(seconds));
-        const TaskTotals after = task_totals(child);
-        g_rows.push_back({"idle opened module: CPU",
-                          fmt("%.4f %% of a core", (after.cpu_s - before.cpu_s) * 100 / seconds),
-                          "< 0.05 %", ""});
-        g_rows.push_back({"idle opened module: wake-ups",
-                          fmt("%.1f /s", static_cast<double>(after.switches - before.switches) / seconds),
-                          "no periodic", ""});
-        g_rows.push_back({"opened module: resident memory", fmt("%ld KiB", rss_kib(child)), "", ""});
+        const auto after = task_stats(child);
+        long wakes = 0;
+        double cpu_s = 0;
+        std::string by_thread;
+        for (const auto &[tid, t] : after) {
+            if (!is_module_thread(t.name)) continue;
+            const auto was = before.find(tid);
+            const long n = t.switches - (was != before.end() ? was->second.switches : 0);
+            cpu_s += t.cpu_s - (was != before.end() ? was->second.cpu_s : 0);
+            wakes += n;
+            if (n > 0) by_thread += fmt(", %s %ld", t.name.c_str(), n);
+        }
+        g_rows.push_back({what, fmt("%ld in %d s%s", wakes, seconds, by_thread.c_str()),
+                          state >= 2 ? "heartbeat look: 5 s" : "none", ""});
+        if (state == 0) {
+            g_rows.push_back({"idle opened module: CPU",
+                              fmt("%.4f %% of a core", cpu_s * 100 / seconds), "< 0.05 %", ""});
+            g_rows.push_back({"opened module: resident memory", fmt("%ld KiB", rss_kib(child)),
+                              "", ""});
+        }
     }
+    close(next[1]);
+    close(ready[0]);
     kill(child, SIGKILL);
     waitpid(child, nullptr, 0);
 }
@@ -384,13 +478,19 @@ int main(int argc, char **argv) {
     bool quick = false;
     bool parse_only = false;
     bool e2e_only = false;
+    bool idle_only = false;
     for (int i = 1; i < argc; ++i) {
+        idle_only = idle_only || strcmp(argv[i], "--idle-only") == 0;
         quick = quick || strcmp(argv[i], "--quick") == 0;
         parse_only = parse_only || strcmp(argv[i], "--parse-only") == 0;
         e2e_only = e2e_only || strcmp(argv[i], "--e2e-only") == 0;
     }
     const std::string root = make_sandbox();
     if (!parse_only && !e2e_only) measure_idle(quick ? 2 : kIdleSeconds);
+    if (idle_only) {
+        print_table();
+        return 0;
+    }
 
     size_t lines = 0;
     const std::vector<std::string> chunks = make_chunks(quick ? 2000 : 20000, &lines);

@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Builds the module (RelWithDebInfo, build/) and prints the performance table.
-#   scripts/bench.sh           the full run (about a minute)
+#   scripts/bench.sh           the full run (about six minutes: a minute idle in each of four
+#                              link states, then the rates)
 #   scripts/bench.sh --quick   shorter runs
 set -euo pipefail
 cd "$(dirname "$0")/.."

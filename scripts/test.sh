@@ -55,8 +55,8 @@ run_suite() {
   (cd "$dir" && ctest -j"$jobs" --output-on-failure --timeout 120)
 }
 
-# The link race test runs its 50 sequences in the plain stage; the slower stages run fewer
-# (ATCMD_RACE_SEQUENCES, per shard of five), enough for the sanitizers to see each path.
+# The link race test runs its 81 sequences in the plain stage; the slower stages run fewer
+# (ATCMD_RACE_SEQUENCES, per shard of nine), enough for the sanitizers to see each path.
 run_suite build ""
 # The USB link against the real kernel's cdc-acm port, in a qemu guest (scripts/kernel-test.sh),
 # with the plain build's test binary and replay tool.

@@ -2,8 +2,10 @@
 // gaps, against the accessory and daemon simulators; after each, the module's link state must
 // match the world's, and still after one more look by the supervisor, and a line sent on the
 // port it holds must reach the upper layer. The events include a second accessory port, a daemon
-// that floods the Wi-Fi link through the next event, and a port that hangs up leaving its entry
-// behind, whose name a later plug uses again. A failure prints its seed and sequence;
+// that floods the Wi-Fi link through the next event, a port that hangs up leaving its entry
+// behind, whose name a later plug uses again, an accessory that stops reading, half a line left
+// before a switch, a node that appears behind an entry already there, and a backlog ending in a
+// USB state answer followed by a pull. A failure prints its seed and sequence;
 // ATCMD_RACE_SEED replays a shard, ATCMD_RACE_SEQUENCES sizes it.
 #include <gtest/gtest.h>
 
@@ -27,21 +29,27 @@ using namespace atcmd_tools;
 namespace {
 
 enum Ev { kPlug, kUnplug, kBounce, kPulledMidLine, kHandshake, kRunning, kHeartbeat, kError,
-          kStopped, kWifiInit, kWifiDown, kSecondPort, kFlood, kDeadEntry, kEventKinds,
+          kStopped, kWifiInit, kWifiDown, kSecondPort, kFlood, kDeadEntry, kStopsReading,
+          kHalfLineSwitch, kNodeBehindEntry, kBacklogPull, kEventKinds,
           kSilenceUntilRestart = kEventKinds };
 constexpr const char *kEvNames[] = {"plug", "unplug", "bounce", "pulled-mid-line", "handshake",
                                     "running", "heartbeat", "error", "stopped", "wifi-init",
                                     "wifi-down", "second-port", "flood", "dead-entry",
-                                    "silence-until-restart"};
+                                    "stops-reading", "half-line-switch", "node-behind-entry",
+                                    "backlog-pull", "silence-until-restart"};
 constexpr int kSettleMs = 12000;  // a daemon restart takes its one-second wait and more
-constexpr int kShards = 5;
-constexpr int kSequencesPerShard = 10;  // 50 in all: every ordered pair of events, and more
+constexpr int kShards = 9;
+constexpr int kSequencesPerShard = 9;  // 81 in all: every ordered pair of events
 // An upper-layer call under a flood returns within the daemon stop's own second and the state
 // notice's delay, with room for a loaded machine. The flood ends by itself only after the step
 // and the wait for the true state have both had their time, so that a module held by it fails.
 constexpr int kStepUnderFloodMs = 5000;
 constexpr int kFloodMaxMs = kStepUnderFloodMs + kSettleMs + 3000;
 constexpr char kCorvelUevent[] = "PRODUCT=7a1d/5101/100\n";
+constexpr char kNode[] = "/node-acm3";          // where a node behind the entry ttyACM3 appears
+constexpr uint16_t kHalfLineSeq = 310;          // the unfinished line's sequence number
+constexpr int kBacklogLines = 200;
+constexpr int kRequestsToADeafPeer = 40;  // of 140 bytes each
 
 struct Step { Ev ev; int gap_ms; int replug_ms; };  // gap before the event; a bounce's time off
 // busy: the MAC property unset, so each interrogation keeps the supervisor busy.
@@ -120,6 +128,10 @@ public:
             break;
         case kFlood: flood_armed_ = true; break;
         case kDeadEntry: leave_dead_entry(); break;
+        case kStopsReading: stop_reading(); break;
+        case kHalfLineSwitch: half_line_then_switch(); break;
+        case kNodeBehindEntry: node_behind_entry(); break;
+        case kBacklogPull: backlog_then_pull(); break;
         case kSilenceUntilRestart:
             ASSERT_TRUE(wait_until([&] { return report() == Report::Running; }, kSettleMs));
             const size_t from = sb_.log_size();
@@ -134,10 +146,8 @@ public:
     // and checks again. Returns what differs, "" when nothing does.
     std::string settle() {
         flood_armed_ = false;  // a flood armed by the last step has no step to run through
-        const auto left = replug_by_ - std::chrono::steady_clock::now();
-        const int left_ms = static_cast<int>(
-            std::chrono::duration_cast<std::chrono::milliseconds>(left).count());
-        if (left_ms > 0) wait_until([&] { return acc_sim_plugged(acc_); }, left_ms);
+        for (AccSim *sim : {acc_, second_}) acc_sim_set_reading(sim, true);
+        await_replug();
         if (!wait_until([&] { return differences().empty(); }, kSettleMs)) return differences();
         if (!supervisor_caught_up(sb_, kSettleMs)) return "the supervisor did not look again";
         wait_until([&] { return differences().empty(); }, 2000);
@@ -162,6 +172,7 @@ public:
         expect((link_load(g_VuartRx_thread) != 0) == plugged, "USB receive thread not as plugged");
         expect(plugged ? last_usb == 1 : last_usb != 1, "last USB notice not as plugged");
         expect(plugged == (mode == AT_MODE_USB), "mode USB not as plugged");
+        expect(!half_line_crossed(), "an unfinished line crossed a port switch");
 
         const bool up = wanted_ && report_ == Report::Running;
         expect(daemon_sim_running(daemon_) == wanted_, "daemon running not as wanted");
@@ -196,10 +207,88 @@ private:
         ASSERT_EQ(0, symlink(to.c_str(), link.c_str())) << strerror(errno);
     }
 
+    // The accessory whose port the module holds stops reading, its port is filled towards it
+    // (as the module's own lines would fill it), and the upper layer queues requests for it.
+    void stop_reading() {
+        AccSim *held = holder();
+        if (held == nullptr) return;
+        acc_sim_set_reading(held, false);
+        // The terminal moves what it holds on in steps: filled until a fill takes nothing.
+        const std::string port = sb_.path(held == acc_ ? "/dev/ttyACM3" : "/dev/ttyACM4");
+        fill_towards_peer(port);
+        wait_until([&] { return fill_towards_peer(port) == 0; }, 2000);
+        for (int i = 0; i < kRequestsToADeafPeer; ++i) {  // more than it moves on by itself
+            const uint16_t seq = static_cast<uint16_t>(30000 + ++requests_);
+            send_query(dev_, "AT+BAT?#" + std::to_string(seq) + "&1" + std::string(120, ' ') + "\r\n",
+                       AT_MSG_BAT, seq);
+        }
+    }
+
+    // The accessory on ttyACM3 leaves half a line (deaf, so that no answer of its own ends it),
+    // and a second port takes over (plugged anew when it was there). The step ends once the
+    // module holds the second port: only then may the first accessory speak again without
+    // finishing, on its own port, the line it left (which would be no crossing).
+    void half_line_then_switch() {
+        await_replug();
+        const bool half = acc_sim_plugged(acc_) &&
+                          (acc_sim_set_reading(acc_, false),
+                           acc_sim_send_part(acc_, "+SCREEN=8#" + std::to_string(kHalfLineSeq)));
+        if (acc_sim_plugged(second_)) acc_sim_unplug(second_);
+        acc_sim_plug(second_, 4);
+        if (half) wait_until([&] { return holder() == second_; }, kSettleMs);
+    }
+
+    // A bounce's re-plug still to come is waited for.
+    void await_replug() {
+        const auto left = replug_by_ - std::chrono::steady_clock::now();
+        const int left_ms = static_cast<int>(
+            std::chrono::duration_cast<std::chrono::milliseconds>(left).count());
+        if (left_ms > 0) wait_until([&] { return acc_sim_plugged(acc_); }, left_ms);
+    }
+
+    bool half_line_crossed() {
+        for (const Notice &n : Recorder::instance().notices()) {
+            if (n.msg_id == AT_MSG_SCREEN && n.seq_num == kHalfLineSeq) return true;
+        }
+        return false;
+    }
+
+    // The entry ttyACM3 is made as a link to a node that is not there yet (refused, when the
+    // module looks in time), then the accessory's node appears behind it: no entry is made.
+    void node_behind_entry() {
+        acc_sim_unplug(acc_);
+        const std::string entry = sb_.path("/dev/ttyACM3"), node = sb_.path(kNode);
+        const std::string dir = sb_.path("/sys/class/tty/ttyACM3/device");
+        make_dirs(dir);
+        write_text_file(dir + "/uevent", kCorvelUevent);
+        unlink(node.c_str());
+        unlink(entry.c_str());
+        const size_t from = sb_.log_size();
+        ASSERT_EQ(0, symlink(node.c_str(), entry.c_str())) << strerror(errno);
+        sb_.wait_log("open serial /dev/ttyACM3 fails", 2000, from);  // not every gap allows it
+        ASSERT_EQ(0, acc_sim_plug_behind(acc_, 3, kNode));
+    }
+
+    // A backlog that ends in a USB state answer, and the cable pulled once the module has read
+    // it (a pulled cable takes what was still unread with it), while dispatch is still on it.
+    void backlog_then_pull() {
+        if (!acc_sim_plugged(acc_)) return;
+        std::string backlog;
+        for (int i = 0; i < kBacklogLines; ++i) backlog += "+SCREEN=5\r\n";
+        if (acc_sim_send_on(acc_, AccLink::Usb, backlog + "+USBSTATE=1,1")) {
+            const std::string port = sb_.path("/dev/ttyACM3");
+            wait_until([&] { return unread_by_module(port) <= 0; }, 2000);
+        }
+        acc_sim_unplug(acc_);
+    }
+
     // The plugged accessory whose port the module holds, by the device its descriptor is on.
+    // (Through a copy taken under the port's lock, as the module's own threads take it: the
+    // number itself may be closed and given out again meanwhile.)
     AccSim *holder() {
+        VuartCopy copy;
         struct stat held;
-        if (fstat(link_load(g_vuart_fd), &held) != 0) return nullptr;
+        if (!vuart_take(&copy) || fstat(copy.port.get(), &held) != 0) return nullptr;
         for (auto [sim, name] : {std::pair<AccSim *, const char *>{acc_, "/dev/ttyACM3"}, {second_, "/dev/ttyACM4"}}) {
             struct stat port;
             if (acc_sim_plugged(sim) && stat(sb_.path(name).c_str(), &port) == 0 &&
@@ -262,6 +351,7 @@ private:
     DaemonSim *daemon_ = nullptr;
     bool flood_armed_ = false;
     int marks_ = 0;
+    int requests_ = 0;
     std::chrono::steady_clock::time_point replug_by_{};
     int beats_ = 0;
     std::mutex mu_;  // guards wanted_ and report_, and orders the relays with the Wi-Fi calls

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "engine/engine.h"
+#include "support/test_support.h"
 
 using namespace std::string_literals;
 
@@ -64,4 +65,29 @@ TEST(RxFraming, DeliversWholeLinesAndDropsOnlyLongRests) {
     memset(rx.data, 'z', AT_RX_BUF_SIZE);
     at_rx_frame(&rx, AT_RX_BUF_SIZE + 100, on_deliver, on_too_long, &seen);
     EXPECT_EQ(seen, "drop " + std::to_string(AT_RX_BUF_SIZE) + "|");
+}
+
+// A peer that floods NULs costs a few log lines, not one a read: the run's first read, a count
+// every 4096 reads, and the count at its end; the lines around the NULs still come out.
+TEST(RxFraming, AFloodOfNulsIsLoggedAsACount) {
+    atcmd_test::Sandbox sb(atcmd_test::kWithLog);
+    at_rx_buffer rx = {};
+    std::string seen;
+    for (int i = 0; i < 10000; ++i) {
+        memset(rx.data, 0, 512);
+        at_rx_frame(&rx, 512, on_deliver, on_too_long, &seen);
+    }
+    memcpy(rx.data, "+OK\r\n", 5);
+    at_rx_frame(&rx, 5, on_deliver, on_too_long, &seen);
+    EXPECT_EQ(seen, "+OK\r\n|");
+    const std::string log = sb.log_text();
+    auto count = [&](const std::string &text) {
+        size_t n = 0;
+        for (size_t at = log.find(text); at != log.npos; at = log.find(text, at + 1)) ++n;
+        return n;
+    };
+    EXPECT_EQ(count("receive data held 512 NUL byte(s)"), 1u);
+    EXPECT_EQ(count("receive data held NUL bytes in 4096 read(s) so far, 2097152 dropped in all"), 1u);
+    EXPECT_EQ(count("receive data held NUL bytes in 8192 read(s) so far"), 1u);
+    EXPECT_EQ(count("receive data held NUL bytes in 10000 read(s) until now, 5120000 dropped"), 1u);
 }

@@ -14,6 +14,8 @@
 #include "serial/serial.h"
 #include "support/test_support.h"
 
+#include <condition_variable>
+
 using namespace atcmd_test;
 
 namespace {
@@ -260,4 +262,143 @@ TEST(ParseDevNameTest, NumbersOnlyAcmNamesAndKeepsTheirNameCut) {
         EXPECT_EQ(std::string(g_dev_ACM_name), kept);
     }
     EXPECT_EQ(parse_dev_name(nullptr), -1);
+}
+
+// ---- Faults of a peer that stops reading, a switch mid-line, a node that appears late and a
+// ---- state read from a port already gone.
+
+namespace {
+
+bool has(const std::string &text, const std::string &what) { return text.find(what) != text.npos; }
+
+}  // namespace
+
+// The accessory stops reading with more queued for it than its port holds: each write gives up
+// after the answer's time-out instead of holding the transmit thread, the requests are resent
+// and then reported as timed out, and a second accessory that takes over gets its start-up
+// queries at once.
+TEST_F(UsbLinkTest, APeerThatStopsReadingHoldsNoLink) {
+    Pty &deaf = port(sb, 3);
+    open();
+    ASSERT_TRUE(usb_events(1));
+    // The pseudo-terminal moves what it holds on in steps: filled until a fill takes nothing.
+    ASSERT_GT(fill_towards_peer(deaf.slave_path()), 0u);
+    ASSERT_TRUE(wait_until([&] { return fill_towards_peer(deaf.slave_path()) == 0; }, kLongWait));
+    // More than the terminal moves on by itself (4 KiB), in long lines.
+    for (uint16_t seq = 1; seq <= 60; ++seq) {
+        ASSERT_EQ(send_query(dev, "AT+BAT?#" + std::to_string(seq) + "&1" + std::string(120, ' ') +
+                                      "\r\n", AT_MSG_BAT, seq), 0);
+    }
+    EXPECT_TRUE(sb.wait_log("peer took nothing for", kLongWait));
+    Pty &second = port(sb, 4);
+    ASSERT_TRUE(usb_events(2));
+    EXPECT_TRUE(has(second.read_until([](const std::string &got) { return has(got, "AT+VER?#"); },
+                                      kLongWait), "AT+VER?#"));
+    // Every request that reached no peer ends as a time-out report, not as a wait.
+    EXPECT_TRUE(wait_until([] { return queues_idle(); }, kLongWait));
+    EXPECT_TRUE(Recorder::instance().wait_for(AT_MSG_ERROR, 1, kLongWait));
+}
+
+// The old port leaves half a line, a second port takes over and sends a whole one: the half is
+// dropped (and logged), and the new port's line is parsed as it was sent.
+TEST_F(UsbLinkTest, ASwitchDropsTheOldPortsUnfinishedLine) {
+    Pty &first = port(sb, 3);
+    open();
+    ASSERT_TRUE(usb_events(1));
+    first.write("+SCREEN=8#310");
+    ASSERT_TRUE(wait_until([&] { return unread_by_module(first.slave_path()) == 0; }, kLongWait));
+    Pty &second = port(sb, 4);
+    ASSERT_TRUE(usb_events(2));
+    second.write("+SCREEN=9#311&1\r\n");
+    ASSERT_TRUE(Recorder::instance().wait_for(AT_MSG_SCREEN, 1, kLongWait));
+    const Notice screen = Recorder::instance().last(AT_MSG_SCREEN);
+    EXPECT_EQ(screen.seq_num, 311);
+    EXPECT_EQ(screen.values, (std::vector<int32_t>{9}));
+    EXPECT_TRUE(sb.wait_log("receive data dropped, 13 bytes of an unfinished line", kLongWait));
+    ASSERT_TRUE(supervisor_caught_up(sb));
+    EXPECT_EQ(count_in_log(sb, "receive data is +SCREEN=8"), 0u);
+}
+
+// The entry is a link to a node that is not there yet: it is refused, and when the node appears
+// behind the same entry (no entry is made, so the watch sees nothing) the refusal's end alone
+// makes the supervisor look again and take the port.
+TEST_F(UsbLinkTest, ANodeThatAppearsBehindARefusedEntryIsTaken) {
+    const std::string node = sb.path("/node-acm3");
+    Pty &accessory = port(sb, 3);
+    unlink(sb.path("/dev/ttyACM3").c_str());
+    ASSERT_EQ(symlink(node.c_str(), sb.path("/dev/ttyACM3").c_str()), 0);
+    open();
+    ASSERT_TRUE(sb.wait_log("open serial /dev/ttyACM3 fails", kLongWait));
+    ASSERT_TRUE(supervisor_caught_up(sb));
+    EXPECT_TRUE(usb_pairs().empty());
+    ASSERT_EQ(symlink(accessory.slave_path().c_str(), node.c_str()), 0);
+    ASSERT_TRUE(usb_events(1));
+    EXPECT_EQ(usb_pairs().back(), (Pair{1, -1}));
+    EXPECT_EQ(mode(), AT_MODE_USB);
+    EXPECT_EQ(count_in_log(sb, "a refused port's hold ended, looking again"), 1u);
+}
+
+namespace {
+
+// A notify callback that holds the dispatch thread in the first SCREEN notice until released, so
+// that the lines read after it wait on the receive queue.
+std::mutex g_gate_mutex;
+std::condition_variable g_gate_cv;
+bool g_gate_open = false;
+bool g_gate_held = false;
+
+void gated_callback(const AT_CMD_CbMsg_t *msg) {
+    if (msg->msg_id == AT_MSG_SCREEN) {
+        std::unique_lock<std::mutex> lock(g_gate_mutex);
+        g_gate_held = true;
+        g_gate_cv.notify_all();
+        g_gate_cv.wait(lock, [] { return g_gate_open; });
+    }
+    Recorder::callback(msg);
+}
+
+}  // namespace
+
+// The accessory's backlog ends in "+USBSTATE=1,1" and the cable is pulled while dispatch is
+// behind: the unplug is told, and the state read from the port already gone changes nothing.
+TEST_F(UsbLinkTest, AStateFromAPortAlreadyGoneDoesNotOutliveItsUnplug) {
+    Pty &acm = port(sb, 3);
+    open();
+    ASSERT_TRUE(usb_events(1));
+    dev->set_notify_callback(dev, gated_callback);
+    acm.write("+SCREEN=5\r\n+USBSTATE=1,1\r\n");
+    {
+        std::unique_lock<std::mutex> lock(g_gate_mutex);
+        ASSERT_TRUE(g_gate_cv.wait_for(lock, std::chrono::milliseconds(kLongWait),
+                                       [] { return g_gate_held; }));
+    }
+    ASSERT_TRUE(sb.wait_log("receive data is +SCREEN=5\r\n+USBSTATE=1,1", kLongWait));
+    ASSERT_EQ(unlink(sb.path("/dev/ttyACM3").c_str()), 0);
+    acm.close_master();
+    ASSERT_TRUE(usb_events(2));
+    EXPECT_TRUE(wait_until([] { return link_load(g_vuart_fd) == -1; }, kLongWait));
+    {
+        std::lock_guard<std::mutex> lock(g_gate_mutex);
+        g_gate_open = true;
+    }
+    g_gate_cv.notify_all();
+    ASSERT_TRUE(sb.wait_log("USBSTATE_parser source is 3", kLongWait));
+    ASSERT_TRUE(supervisor_caught_up(sb));
+    EXPECT_EQ(usb_pairs(), (std::vector<Pair>{{1, -1}, {0, -1}}));
+    EXPECT_EQ(link_load(dev->usb_connected), 0);
+    EXPECT_EQ(mode(), AT_MODE_NONE);
+    EXPECT_TRUE(sb.wait_log("USB state 1,1 from a port no longer held, dropped", kLongWait));
+}
+
+// More "/dev" events at once than one read holds (about 128): the one wake of the edge-triggered
+// watch reads them all, so a port made last in a burst is announced without a further change.
+TEST(HotplugEventsTest, ABurstLargerThanOneReadIsReadToTheEnd) {
+    Sandbox sb;
+    link_store(fd_inotify_input, inotify_input_event());
+    ASSERT_GE(link_load(fd_inotify_input), 0);
+    for (int i = 0; i < 300; ++i) write_text_file(sb.path("/dev/other" + std::to_string(i)), "");
+    port(sb, 3);
+    link_store(g_dev_ACM, -1);
+    ASSERT_EQ(dev_event_process(), 0);
+    EXPECT_EQ(link_load(g_dev_ACM), 3);
 }

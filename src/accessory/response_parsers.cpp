@@ -166,6 +166,11 @@ uint32_t parse_value(const ValueRow &row, AtCmder_t *cmd, const char *parser) {
 void usb_link_lost() {
     atcmdprocess_device *dev = g_patcmd_dev;
     if (dev == nullptr || dev->system_status.platform != PLATFORM_VUART) return;
+    UsbStateLock lock;
+    if (!usb_state_from_held_port(atcmder_taken_origin())) {
+        ATCMD_LOG(ATCMD_LEVEL_STATE, "power-off from a USB port no longer held, USB state kept");
+        return;
+    }
     link_store(dev->usb_status, 0);
     link_store(dev->usb_connected, 0);
     notify_usbevent();
@@ -510,6 +515,14 @@ uint32_t USBSTATE_parser(AtCmder_t *cmd) {
     atcmdprocess_device *dev = g_patcmd_dev;
     if (dev == nullptr) {
         ATCMD_LOG(ATCMD_LEVEL_ERROR, "USBSTATE_parser without a device, USB state dropped");
+        return kParsed;
+    }
+    // A state read from a port that is no longer held (switched, or its unplug already told)
+    // says nothing of the link now; it is dropped rather than told after the unplug.
+    UsbStateLock lock;
+    if (!usb_state_from_held_port(atcmder_taken_origin())) {
+        ATCMD_LOG(ATCMD_LEVEL_STATE, "USB state %d,%d from a port no longer held, dropped",
+                  sts.connected, sts.status);
         return kParsed;
     }
     link_store(dev->usb_connected, sts.connected);

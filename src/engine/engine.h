@@ -26,11 +26,13 @@ enum atcmder_queue_status : uint32_t {
 };
 
 /* One queued record: a copy of the record, its own text buffer (the copy's data points there)
- * and the links of a tail queue. */
+ * and the links of a tail queue; last, the record's origin (atcmder_set_origin), which travels
+ * beside the record so that the record itself keeps its layout. */
 struct atcmder_node {
     AtCmder_t cmd;
     char buf[AT_LINE_BUF_SIZE];
     TAILQ_ENTRY(atcmder_node) link;
+    uint32_t origin;
 };
 TAILQ_HEAD(atcmder_queue_head, atcmder_node);
 
@@ -124,6 +126,10 @@ enum atcmder_tx_status : uint32_t {
 struct at_rx_buffer {
     char data[AT_RX_BUF_SIZE + 1]; /* one more for the terminator */
     size_t fill;
+    /* A run of reads that held NUL bytes is logged by its first read and then as a count (a
+     * peer that floods NULs costs a few log lines, not one per read). */
+    size_t nul_run_reads;
+    size_t nul_run_bytes;
 };
 
 /* Called with each NUL-terminated run of complete lines, to be handed to the line parser. */
@@ -133,6 +139,9 @@ typedef void (*at_rx_deliver_fn)(void *ctx, char *text, size_t len);
 typedef void (*at_rx_too_long_fn)(void *ctx, const char *held);
 
 size_t at_rx_room(const struct at_rx_buffer *rx);
+/* Drops what is held of an unfinished line (logged with `why`, when anything was held): a
+ * receive loop whose link changed starts the next link clean. */
+void at_rx_drop(struct at_rx_buffer *rx, const char *why);
 void at_rx_frame(struct at_rx_buffer *rx, size_t received, at_rx_deliver_fn deliver,
                  at_rx_too_long_fn too_long, void *ctx);
 
@@ -144,6 +153,14 @@ void at_rx_frame(struct at_rx_buffer *rx, size_t received, at_rx_deliver_fn deli
 uint32_t atcmder_send_to_tx(const AtCmder_t *cmd);
 uint32_t atcmder_send_to_rx(const AtCmder_t *cmd);
 uint32_t atcmder_send_to_timeout(const AtCmder_t *cmd);
+
+/* Where the records the calling thread queues from now on were read: the generation of the
+ * accessory's USB port (VuartSeen.changes) for its receive thread, 0 (the default) for every
+ * other link and producer. atcmder_taken_origin gives the origin of the record the calling
+ * thread last took off a queue, so that a parser can weigh what a line says about the link
+ * against the port held when it is handled. */
+void atcmder_set_origin(uint32_t origin);
+uint32_t atcmder_taken_origin(void);
 
 /* A burst of records from one thread (one received chunk): the records it queues are held by
  * the thread and join their queues, in order, at the matching end, each queue under one lock

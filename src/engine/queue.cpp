@@ -121,9 +121,14 @@ uint32_t check_record(const AtCmder_t *cmd, size_t *len) {
     return ATCMDER_QUEUE_OK;
 }
 
+// The calling thread's origin for what it queues, and that of the record it last took.
+thread_local uint32_t t_origin = 0;
+thread_local uint32_t t_taken_origin = 0;
+
 // The node holds a copy of the record whose data points to the node's own text.
 void fill_node(struct atcmder_node *node, const AtCmder_t *cmd, size_t len) {
     node->cmd = *cmd;
+    node->origin = t_origin;
     memcpy(node->buf, cmd->data, len);
     node->buf[len] = '\0';
     node->cmd.data = node->buf;
@@ -294,6 +299,7 @@ uint32_t atcmder_dequeue(struct atcmder_queue_head *head, pthread_mutex_t *mutex
     }
     char *const out = cmd->data;
     *cmd = node->cmd;
+    t_taken_origin = node->origin;
     cmd->data = out;
     memcpy(out, node->buf, strlen(node->buf) + 1);
     const bool kept = keep_spare(engine_queue(head, mutex), node);
@@ -315,6 +321,9 @@ void dump_atcmd_data(const AtCmder_t *cmd) {
 uint32_t atcmder_send_to_rx(const AtCmder_t *cmd) { return send_to(kRxWaiter, cmd); }
 uint32_t atcmder_send_to_tx(const AtCmder_t *cmd) { return send_to(kTxWaiter, cmd); }
 uint32_t atcmder_send_to_timeout(const AtCmder_t *cmd) { return send_to(kTimeoutWaiter, cmd); }
+
+void atcmder_set_origin(uint32_t origin) { t_origin = origin; }
+uint32_t atcmder_taken_origin(void) { return t_taken_origin; }
 
 void atcmder_burst_begin(void) { ++t_burst_depth; }
 

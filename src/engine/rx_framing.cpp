@@ -34,6 +34,34 @@ void drop_front(struct at_rx_buffer *rx, size_t count) {
     rx->data[rx->fill] = '\0';
 }
 
+// A run of reads with NULs is logged at its first read, every kNulRunReport reads after that,
+// and at its end, with the reads and bytes so far; the reads between are counted only.
+constexpr size_t kNulRunReport = 4096;
+
+void log_nul_run(const struct at_rx_buffer *rx, const char *state) {
+    ATCMD_LOG(ATCMD_LEVEL_STATE,
+              "receive data held NUL bytes in %zu read(s) %s, %zu dropped in all; the text "
+              "around them was parsed",
+              rx->nul_run_reads, state, rx->nul_run_bytes);
+}
+
+void count_nuls(struct at_rx_buffer *rx, size_t nuls) {
+    if (nuls == 0) {
+        if (rx->nul_run_reads > 1) log_nul_run(rx, "until now");
+        rx->nul_run_reads = 0;
+        rx->nul_run_bytes = 0;
+        return;
+    }
+    if (rx->nul_run_reads == 0) {
+        ATCMD_LOG(ATCMD_LEVEL_STATE,
+                  "receive data held %zu NUL byte(s), dropped them and parsed the text around them",
+                  nuls);
+    }
+    ++rx->nul_run_reads;
+    rx->nul_run_bytes += nuls;
+    if (rx->nul_run_reads % kNulRunReport == 0) log_nul_run(rx, "so far");
+}
+
 // The parser works on NUL-terminated text, so a NUL received from the link would hide what
 // follows it. Each NUL ends the text before it, which goes out on its own; the NUL is dropped.
 void split_at_nuls(struct at_rx_buffer *rx, at_rx_deliver_fn deliver, void *ctx) {
@@ -47,11 +75,8 @@ void split_at_nuls(struct at_rx_buffer *rx, at_rx_deliver_fn deliver, void *ctx)
         ++nuls;
         start = at + 1;
     }
-    if (nuls == 0) return;
-    ATCMD_LOG(ATCMD_LEVEL_STATE,
-              "receive data held %zu NUL byte(s), dropped them and parsed the text around them",
-              nuls);
-    drop_front(rx, start);
+    count_nuls(rx, nuls);
+    if (nuls > 0) drop_front(rx, start);
 }
 
 // Over the hold limit: every complete line goes out, and only an unfinished rest that is itself
@@ -77,6 +102,14 @@ void frame_over_limit(struct at_rx_buffer *rx, at_rx_deliver_fn deliver,
 
 size_t at_rx_room(const struct at_rx_buffer *rx) {
     return rx != nullptr ? AT_RX_BUF_SIZE - rx->fill : 0;
+}
+
+void at_rx_drop(struct at_rx_buffer *rx, const char *why) {
+    if (rx == nullptr || rx->fill == 0) return;
+    ATCMD_LOG(ATCMD_LEVEL_STATE, "receive data dropped, %zu bytes of an unfinished line (%s): %s",
+              rx->fill, why != nullptr ? why : "link changed", rx->data);
+    rx->fill = 0;
+    rx->data[0] = '\0';
 }
 
 void at_rx_frame(struct at_rx_buffer *rx, size_t received, at_rx_deliver_fn deliver,

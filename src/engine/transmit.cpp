@@ -2,7 +2,9 @@
  * The transmit thread: the one writer of the UART, the VUART and the Wi-Fi FIFO for the engine.
  * It takes records off Tx_head in order, registers requests that await an answer on
  * Timeout_head before writing them, and picks the channel by platform, mode and destination.
- * Runs on "Tx_thread"; writes Timeout_head (and stamps the records it registers).
+ * Runs on "Tx_thread"; writes Timeout_head (and stamps the records it registers). The
+ * accessory's port is written through the thread's own copy of the port held, never waiting on
+ * a peer that does not read for longer than an answer's time-out.
  */
 #define LOG_TAG "ATCMD_MANAGE"
 
@@ -29,35 +31,43 @@ namespace {
 constexpr int32_t kAny = INT32_MIN;
 constexpr uint8_t kLastWatchedRow = AT_MSG_WIFICON;  // "+REBOOT" up to "+WIFICON"
 
-// The two wired links differ only in their descriptor, send routine and texts.
-struct WiredLink {
-    const int32_t *fd;
-    int (*send)(int32_t fd, const char *buf, size_t len);
-    uint32_t closed_status;
-    const char *not_open;     // error line when the descriptor is -1
-    const char *sent;         // followed by the length and ", data is " and the text
-};
-
-constexpr WiredLink kUart = {&g_uart_fd, UART_Send, ATCMDER_TX_UART_CLOSED, "uart is not open",
-                             "uart successfully send cmd data len "};
-constexpr WiredLink kVuart = {&g_vuart_fd, VUART_Send, ATCMDER_TX_VUART_CLOSED, "Vuart is not open",
-                              "Vuart successfully send cmd len is "};
-
-uint32_t send_wired(const WiredLink &link, const char *text) {
-    const int32_t fd = link_load(*link.fd);  // the supervisor replaces it on plug and unplug
+uint32_t send_uart(const char *text) {
+    const int32_t fd = link_load(g_uart_fd);
     if (fd == -1) {
-        ATCMD_LOG_AS("atcmder_Tx_process", LOG_TAG, ATCMD_LEVEL_ERROR, "%s", link.not_open);
-        return link.closed_status;
+        ATCMD_LOG_AS("atcmder_Tx_process", LOG_TAG, ATCMD_LEVEL_ERROR, "uart is not open");
+        return ATCMDER_TX_UART_CLOSED;
     }
     const size_t len = strlen(text);
-    link.send(fd, text, len);  // a failed send is left to the time-out and resend
-    ATCMD_LOG_AS("atcmder_Tx_process", LOG_TAG, ATCMD_LEVEL_DETAIL, "%s%zu, data is %s", link.sent,
-                 len, text);
+    UART_Send(fd, text, len);  // a failed send is left to the time-out and resend
+    ATCMD_LOG_AS("atcmder_Tx_process", LOG_TAG, ATCMD_LEVEL_DETAIL,
+                 "uart successfully send cmd data len %zu, data is %s", len, text);
     return ATCMDER_TX_OK;
 }
 
-uint32_t send_uart(const char *text) { return send_wired(kUart, text); }
-uint32_t send_vuart(const char *text) { return send_wired(kVuart, text); }
+// How long a peer may take nothing before a write to it counts as failed: the answer's own
+// time-out, so that a stalled port costs the other links no more than one resend period.
+int vuart_stall_ms(void) {
+    constexpr int kMinStallMs = 100;
+    const int ms = static_cast<int>(link_load(g_timeout) / 1000);
+    return ms > kMinStallMs ? ms : kMinStallMs;
+}
+
+// The accessory's port, through a copy of the port held taken for this one line (so the port
+// that was dropped is never kept open here, and a number closed meanwhile is never written to).
+// A write the peer does not take, or that a switch overtakes, fails like any failed send: the
+// time-out and resend handle the request, and the next line goes to the port held then.
+uint32_t send_vuart(const char *text) {
+    VuartCopy copy;
+    if (!vuart_take(&copy)) {
+        ATCMD_LOG_AS("atcmder_Tx_process", LOG_TAG, ATCMD_LEVEL_ERROR, "Vuart is not open");
+        return ATCMDER_TX_VUART_CLOSED;
+    }
+    const size_t len = strlen(text);
+    vuart_send_bounded(&copy, text, len, vuart_stall_ms());
+    ATCMD_LOG_AS("atcmder_Tx_process", LOG_TAG, ATCMD_LEVEL_DETAIL,
+                 "Vuart successfully send cmd len is %zu, data is %s", len, text);
+    return ATCMDER_TX_OK;
+}
 
 // One plain write of the whole text; a short write counts as a failure and is not continued.
 bool write_fifo(const char *text) {

@@ -40,6 +40,9 @@ pthread_t g_find_acmdev_thread = 0;
 // the supervisor reads it. Taken alone, never with another lock.
 std::mutex g_dev_ACM_name_mutex;
 
+// UsbStateLock's mutex: orders the stores of the USB words and their notice (see hotplug.h).
+pthread_mutex_t g_usb_state_mutex = PTHREAD_MUTEX_INITIALIZER;
+
 namespace {
 
 constexpr char kDevDir[] = "/dev";
@@ -148,7 +151,7 @@ int scan_acm_devices(void) {
 }
 
 int inotify_input_event(void) {
-    const int fd = inotify_init1(IN_CLOEXEC);
+    const int fd = inotify_init1(IN_CLOEXEC | IN_NONBLOCK);
     if (fd < 0) {
         const int err = errno;
         ATCMD_LOG(ATCMD_LEVEL_ERROR, "inotify_init, errno:%d, errstr:%s\n", err, strerror(err));
@@ -163,29 +166,42 @@ int inotify_input_event(void) {
     return fd;
 }
 
-int dev_event_process(void) {
-    alignas(struct inotify_event) char buf[kEventBufSize];
-    const int fd = link_load(fd_inotify_input);
-    const ssize_t n = retry_eintr([&] { return read(fd, buf, sizeof buf); });
-    if (n < 0) {
-        const int err = errno;
-        ATCMD_LOG(ATCMD_LEVEL_ERROR, "read, errno:%d, errstr:%s", err, strerror(err));
-        return -1;
-    }
-    const size_t total = static_cast<size_t>(n);
+namespace {
+
+// Handles the records of one read of `total` bytes.
+void handle_events(const char *buf, size_t total) {
     size_t at = 0;
     while (at + sizeof(struct inotify_event) <= total) {
         const auto *ev = reinterpret_cast<const struct inotify_event *>(buf + at);
         if (ev->len > total - at - sizeof *ev) {
-            ATCMD_LOG(ATCMD_LEVEL_ERROR,
-                      "inotify record at %zu runs past the %zu bytes read, rest dropped", at,
-                      total);
+            ATCMD_LOG_AS("dev_event_process", LOG_TAG, ATCMD_LEVEL_ERROR,
+                         "inotify record at %zu runs past the %zu bytes read, rest dropped", at,
+                         total);
             break;
         }
         handle_event(ev);
         at += sizeof *ev + ev->len;
     }
-    return 0;
+}
+
+}  // namespace
+
+// The descriptor is non-blocking and its wait edge-triggered: one wake may stand for more events
+// than one read holds, so it is read until empty, and no event waits for the next change.
+int dev_event_process(void) {
+    alignas(struct inotify_event) char buf[kEventBufSize];
+    const int fd = link_load(fd_inotify_input);
+    for (;;) {
+        const ssize_t n = retry_eintr([&] { return read(fd, buf, sizeof buf); });
+        if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) return 0;
+        if (n < 0) {
+            const int err = errno;
+            ATCMD_LOG(ATCMD_LEVEL_ERROR, "read, errno:%d, errstr:%s", err, strerror(err));
+            return -1;
+        }
+        if (n == 0) return 0;
+        handle_events(buf, static_cast<size_t>(n));
+    }
 }
 
 void *handler_acm_devs_epoll(void * /*arg*/) {
@@ -201,8 +217,8 @@ void *handler_acm_devs_epoll(void * /*arg*/) {
     return nullptr;
 }
 
-int dev_hotplug_init(void) {
-    scan_acm_devices();  // ports present at start are announced before the watch exists
+// The watch, its thread and the start-up scan; the scan runs after the watch is set.
+static int watch_and_scan(void) {
     UniqueFd epfd(epoll_create1(EPOLL_CLOEXEC));
     if (epfd.get() < 0) {
         const int err = errno;
@@ -227,6 +243,9 @@ int dev_hotplug_init(void) {
     }
     link_store(epfd_hid_devs, epfd.get());
     link_store(fd_inotify_input, ifd.get());
+    // The watch is set before the scan, so that a port made between the two is announced by one
+    // of them (perhaps by both, which the supervisor takes as one plug).
+    scan_acm_devices();
     pthread_t thread;
     if (pthread_create(&thread, nullptr, handler_acm_devs_epoll, nullptr) != 0) {
         ATCMD_LOG(ATCMD_LEVEL_ERROR, "pthread_create error\n");
@@ -239,6 +258,20 @@ int dev_hotplug_init(void) {
     ifd.release();
     link_store(g_find_acmdev_thread, thread);
     return 0;
+}
+
+UsbStateLock::UsbStateLock() { pthread_mutex_lock(&g_usb_state_mutex); }
+UsbStateLock::~UsbStateLock() { pthread_mutex_unlock(&g_usb_state_mutex); }
+
+bool usb_state_from_held_port(uint32_t origin) {
+    if (origin == 0) return true;
+    return origin == vuart_generation() && link_load(g_vuart_fd) != -1;
+}
+
+int dev_hotplug_init(void) {
+    const int result = watch_and_scan();
+    if (result != 0) scan_acm_devices();  // without a watch, the ports present still count
+    return result;
 }
 
 void notify_usbevent(void) {

@@ -3,7 +3,9 @@
  * live port, and which entry, if any, is the accessory's port now. Runs on the supervisor only,
  * which compares this with what the module holds; keeps the identity of entries already found
  * foreign or unopenable so that they are not read and logged again on every look. The hotplug
- * thread counts the entries made under each name, which ends such a refusal.
+ * thread counts the entries made under each name, which ends such a refusal; an unopenable
+ * entry's refusal also ends by time, and the supervisor looks again then (a link whose node
+ * appears later is taken without a new entry).
  */
 #define LOG_TAG "ATCMD_HOTPLUG"
 
@@ -46,6 +48,7 @@ struct EntryId {
 struct Refusal {
     EntryId id;
     int64_t at_ms = 0;
+    bool look_again = false;  // the entry could not be opened: looked at again when this ends
 };
 
 // Entries made under each name, counted by the hotplug thread in slots by port number (two
@@ -98,8 +101,8 @@ bool refused(const EntryId &id) {
     return false;
 }
 
-void refuse(const EntryId &id) {
-    g_refused[g_refused_next] = Refusal{id, now_ms()};
+void refuse(const EntryId &id, bool look_again = false) {
+    g_refused[g_refused_next] = Refusal{id, now_ms(), look_again};
     g_refused_next = (g_refused_next + 1) % g_refused.size();
 }
 
@@ -150,7 +153,18 @@ int32_t acm_find_accessory_port(int32_t preferred) {
 // The entry as it was looked at before the open: one made since is not refused with it.
 void acm_port_unusable(int32_t number) {
     EntryId id = g_last_taken;
-    if (id.number == number || entry_id(number, &id)) refuse(id);
+    if (id.number == number || entry_id(number, &id)) refuse(id, true);
+}
+
+int acm_refusal_ends_in_ms(void) {
+    const int64_t now = now_ms();
+    int64_t first = -1;
+    for (const Refusal &r : g_refused) {
+        const int64_t left = r.at_ms + kRefusalHoldMs - now;
+        if (!r.look_again || r.id.number < 0 || left < 0) continue;
+        if (first < 0 || left < first) first = left;
+    }
+    return static_cast<int>(first);
 }
 
 void acm_entry_made(int32_t number) {

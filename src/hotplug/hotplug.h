@@ -65,8 +65,31 @@ int32_t acm_find_accessory_port(int32_t preferred);
  * be opened. */
 void acm_port_unusable(int32_t number);
 
+/* Milliseconds until the first pending refusal of an unopenable entry ends, -1 when none is
+ * pending (a refusal that has ended no longer counts). The supervisor waits no longer than this
+ * for a signal, then looks again. Supervisor thread only. */
+int acm_refusal_ends_in_ms(void);
+
 /* An entry was made under the name of port `number`: what was refused under that name no longer
  * holds. Called by the hotplug thread for every entry it sees created. */
 void acm_entry_made(int32_t number);
+
+/* ---- The USB link words (module-internal) ----------------------------------------------------- */
+
+/* Held for its scope by whoever stores usb_connected and usb_status and tells the upper layer:
+ * the supervisor's plug, switch and unplug, and the answers that report the USB state. A state
+ * read from a port is therefore told either wholly before the unplug of that port or not at all.
+ * Before the queue locks and the port lock in the lock order; the Wi-Fi link lock is never taken
+ * inside it. The notify callback runs under it. */
+struct UsbStateLock {
+    UsbStateLock();
+    ~UsbStateLock();
+    UsbStateLock(const UsbStateLock &) = delete;
+    UsbStateLock &operator=(const UsbStateLock &) = delete;
+};
+
+/* Under UsbStateLock: true when a line of `origin` (atcmder_taken_origin) may set the USB words:
+ * it was not read from the accessory's USB port (0), or it was read from the port held now. */
+bool usb_state_from_held_port(uint32_t origin);
 
 #endif /* ATCMD_HOTPLUG_HOTPLUG_H */

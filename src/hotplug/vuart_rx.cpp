@@ -2,7 +2,9 @@
  * The VUART receive thread ("VuartRx_thread"): reads the accessory's ACM port, frames the bytes
  * with the shared framing routine and hands complete lines to the line parser as accessory
  * lines. It notices a vanished port and asks the supervisor to look, and clears
- * g_VuartRx_thread when it ends. Started detached by the supervisor on plug; at most one runs.
+ * g_VuartRx_thread when it ends. It waits on its port and on the port's end pipe, so it wakes
+ * only for bytes, a hang-up or a switch. Started detached by the supervisor on plug; at most one
+ * runs.
  */
 #define LOG_TAG "ATCMD_MANAGE"
 
@@ -25,8 +27,9 @@ pthread_t g_VuartRx_thread = 0;
 
 namespace {
 
-constexpr int kReceiveRetryMs = 300;  // the thread's pace: a wait's limit, a failure's pause
+constexpr int kReceiveRetryMs = 300;  // a failure's pause; the wait's limit only without an end pipe
 constexpr useconds_t kReceiveRetryUs = kReceiveRetryMs * 1000;
+constexpr int kWithoutLimit = -1;
 constexpr int32_t kNoWait = 0;  // the receive itself: the bytes are there once the wait says so
 
 // Every line of this thread reads as the thread's own, also from the helpers below.
@@ -53,14 +56,18 @@ void too_long(void * /*ctx*/, const char *held) {
                  "Vuart receive data length is too long, skip it, receive data is %s ", held);
 }
 
-// Waits at most one retry pace for `fd` (the thread's copy of the port held) to have something
-// to read (bytes, a hang-up, an error). The wait has a limit so that the thread looks at which
-// port the supervisor holds at least once per pace: a port switched, closed or replaced while it
-// waited is never waited on for long, however silent the old port stays.
-bool port_ready(int32_t fd) {
-    struct pollfd p = {fd, POLLIN, 0};
-    const int n = poll(&p, 1, kReceiveRetryMs);
-    return n > 0 || (n < 0 && errno != EINTR);  // a failed wait is for the receive to report
+// Waits for `copy`'s port to have something to read (bytes, a hang-up, an error) or for the
+// port held to change, without a time limit: both are events. Only a port stored without an end
+// pipe (a harness) is looked at once per retry pace. False when the port held changed.
+bool port_ready(const VuartCopy *copy) {
+    const int limit = copy->ended.get() >= 0 ? kWithoutLimit : kReceiveRetryMs;
+    for (;;) {
+        switch (vuart_wait(copy, POLLIN, limit)) {
+            case kVuartReady: return true;
+            case kVuartChanged: return false;
+            case kVuartTimedOut: break;  // interrupted, or a harness's port unchanged: wait on
+        }
+    }
 }
 
 // After a failed receive on the port seen as `seen`: true while the port may still be there (the
@@ -105,25 +112,28 @@ void *atcmder_VuartRx_thread(void * /*arg*/) {
     VuartLine line;
     memset(&rx, 0, sizeof rx);
     memset(&line, 0, sizeof line);
-    // The port held is looked at after every pass, and a pass lasts at most one retry pace, so a
-    // re-plug or a switch to another port is picked up by this thread. It reads its own copy of
-    // the descriptor, taken anew whenever the port held changes.
-    struct VuartSeen seen = {0, -1};
-    UniqueFd fd;
+    // The thread reads its own copy of the port held, taken anew whenever the port held changes;
+    // a switch wakes it at once. What an old port left of an unfinished line is dropped then, so
+    // that the new port's first line is parsed as it was sent. Each line is parsed under the
+    // generation of the port it was read from, so what it says of the link is weighed against
+    // the port held when it is handled.
+    VuartCopy copy;
     for (;;) {
-        if (fd.get() == -1 || vuart_held_changed(&seen)) {
-            fd.reset();  // the old copy is closed before the new one is taken, as always
-            fd.reset(vuart_copy(&seen));
-            if (fd.get() == -1) break;
+        if (copy.port.get() == -1 || vuart_held_changed(&copy.seen)) {
+            if (copy.port.get() != -1) at_rx_drop(&rx, "the port changed");
+            if (!vuart_take(&copy)) break;
+            atcmder_set_origin(copy.seen.changes);
         }
-        if (!port_ready(fd.get())) continue;
-        const int n = VUART_Recv(fd.get(), rx.data + rx.fill, at_rx_room(&rx), kNoWait);
+        if (!port_ready(&copy)) continue;
+        const int n = VUART_Recv(copy.port.get(), rx.data + rx.fill, at_rx_room(&rx), kNoWait);
         if (n < 1) {
-            if (port_may_return(&seen)) continue;  // what was held of a line is kept
-            fd.reset();
+            if (port_may_return(&copy.seen)) continue;  // what was held of a line is kept
+            copy.port.reset();
+            atcmder_set_origin(0);
             return disappear_exit();
         }
         at_rx_frame(&rx, static_cast<size_t>(n), deliver, too_long, &line);
     }
+    atcmder_set_origin(0);
     return cannot_find_exit();
 }

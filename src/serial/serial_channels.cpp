@@ -1,13 +1,14 @@
 /*
  * The UART ("/dev/ttyS4") and VUART ("/dev/ttyACM" + n) channels: open and configure, timed
- * receive, single-shot send. Run by the open path, the supervisor, the receive threads and the
- * transmit thread, without locks. Owns g_uart_fd, g_vuart_fd and g_dev_ACM; the initialisers
+ * receive, single-shot send, and the held VUART port's copies, waits and bounded send. Run by the
+ * open path, the supervisor, the receive threads and the transmit thread. Owns g_uart_fd, g_vuart_fd and g_dev_ACM; the initialisers
  * write the descriptor the caller points them at, nothing else here writes a global.
  */
 #define LOG_TAG ATCMD_UART_TAG
 
 #include <errno.h>
 #include <fcntl.h>
+#include <poll.h>
 #include <pthread.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -28,10 +29,15 @@ int32_t g_dev_ACM = -1;
 
 namespace {
 
-// Guards each replacement of g_vuart_fd against the receive thread taking its copy, and counts
-// the replacements (g_vuart_changes, written under it, read without it). Taken alone.
+// Guards each replacement of g_vuart_fd against the receive and transmit threads taking their
+// copies, and counts the replacements (g_vuart_changes, written under it, read without it).
+// Taken alone, or last after the USB state lock (supervisor's unplug).
 pthread_mutex_t g_vuart_fd_mutex = PTHREAD_MUTEX_INITIALIZER;
 uint32_t g_vuart_changes = 0;
+// The pipe whose write end vuart_hold closes when the port it was made for is replaced or
+// closed; copies of the read end go out with vuart_take. Guarded by g_vuart_fd_mutex.
+int g_vuart_ended_r = -1;
+int g_vuart_ended_w = -1;
 
 // The one line setting both links use: 460800 bit/s, 8 data bits, no parity, 1 stop bit.
 constexpr int32_t kLineSpeed = 460800;
@@ -200,25 +206,101 @@ void vuart_hold(int32_t fd) {
     link_close(g_vuart_fd);
     link_store(g_vuart_fd, fd);
     link_store(g_vuart_changes, g_vuart_changes + 1);
+    // Closing the write end wakes every thread that waits on a copy of the old read end.
+    if (g_vuart_ended_w != -1) close(g_vuart_ended_w);
+    if (g_vuart_ended_r != -1) close(g_vuart_ended_r);
+    g_vuart_ended_w = g_vuart_ended_r = -1;
+    int ends[2];
+    if (fd != -1 && pipe2(ends, O_CLOEXEC) == 0) {
+        g_vuart_ended_r = ends[0];
+        g_vuart_ended_w = ends[1];
+    } else if (fd != -1) {
+        // Without the pipe the threads still notice the change, one retry pace later.
+        ATCMD_LOG_TAG(ATCMD_VUART_TAG, ATCMD_LEVEL_ERROR,
+                      "no end-of-port pipe for descriptor %d: %s; switches are seen by a timed look",
+                      fd, strerror(errno));
+    }
     pthread_mutex_unlock(&g_vuart_fd_mutex);
 }
 
-int32_t vuart_copy(struct VuartSeen *seen) {
+bool vuart_take(struct VuartCopy *copy) {
+    copy->port.reset();  // the old copies go first, as always
+    copy->ended.reset();
     pthread_mutex_lock(&g_vuart_fd_mutex);
-    seen->changes = g_vuart_changes;
-    seen->fd = link_load(g_vuart_fd);
-    const int32_t copy = seen->fd == -1 ? -1 : fcntl(seen->fd, F_DUPFD_CLOEXEC, 0);
-    pthread_mutex_unlock(&g_vuart_fd_mutex);
-    if (seen->fd != -1 && copy < 0) {
-        ATCMD_LOG_TAG(ATCMD_VUART_TAG, ATCMD_LEVEL_ERROR,
-                      "copy of the port's descriptor %d failed: %s", seen->fd, strerror(errno));
+    copy->seen.changes = g_vuart_changes;
+    copy->seen.fd = link_load(g_vuart_fd);
+    const int32_t held = copy->seen.fd;
+    if (held != -1) {
+        copy->port.reset(fcntl(held, F_DUPFD_CLOEXEC, 0));
+        // Ended only while the pipe belongs to this very port (a harness may store its own).
+        if (g_vuart_ended_r != -1) copy->ended.reset(fcntl(g_vuart_ended_r, F_DUPFD_CLOEXEC, 0));
     }
-    return copy;
+    pthread_mutex_unlock(&g_vuart_fd_mutex);
+    if (held != -1 && copy->port.get() < 0) {
+        ATCMD_LOG_TAG(ATCMD_VUART_TAG, ATCMD_LEVEL_ERROR,
+                      "copy of the port's descriptor %d failed: %s", held, strerror(errno));
+    }
+    return copy->port.get() >= 0;
 }
 
 // A harness that stores g_vuart_fd itself changes the number without counting; both are looked at.
 bool vuart_held_changed(const struct VuartSeen *seen) {
     return link_load(g_vuart_changes) != seen->changes || link_load(g_vuart_fd) != seen->fd;
+}
+
+uint32_t vuart_generation(void) { return link_load(g_vuart_changes); }
+
+enum VuartWait vuart_wait(const struct VuartCopy *copy, short events, int limit_ms) {
+    struct pollfd p[2] = {{copy->port.get(), events, 0}, {copy->ended.get(), POLLIN, 0}};
+    const nfds_t count = copy->ended.get() >= 0 ? 2 : 1;
+    const int n = poll(p, count, limit_ms);
+    if (n < 0 && errno == EINTR) return kVuartTimedOut;  // the caller looks again
+    if (n == 0) return vuart_held_changed(&copy->seen) ? kVuartChanged : kVuartTimedOut;
+    if (count == 2 && p[1].revents != 0) return kVuartChanged;
+    return kVuartReady;
+}
+
+int vuart_send_bounded(const struct VuartCopy *copy, const char *buf, size_t len, int stall_ms) {
+    const int fd = copy->port.get();
+    if (buf == nullptr || fd < 0) {
+        ATCMD_LOG_AS("VUART_Send", ATCMD_VUART_TAG, ATCMD_LEVEL_ERROR,
+                     "serial send without data or port, nothing written");
+        return -1;
+    }
+    // The copy shares the port's open file: from here on no write on the port blocks.
+    const int flags = fcntl(fd, F_GETFL);
+    if (flags != -1 && (flags & O_NONBLOCK) == 0) fcntl(fd, F_SETFL, flags | O_NONBLOCK);
+    size_t sent = 0;
+    while (sent < len) {
+        const ssize_t n = write(fd, buf + sent, len - sent);
+        if (n > 0) {
+            sent += static_cast<size_t>(n);
+            continue;
+        }
+        if (n < 0 && errno == EINTR) continue;
+        if (n < 0 && errno != EAGAIN && errno != EWOULDBLOCK) {
+            ATCMD_LOG_AS("VUART_Send", ATCMD_VUART_TAG, ATCMD_LEVEL_DETAIL,
+                         "serial write device error\n");
+            tcflush(fd, TCOFLUSH);
+            return -1;
+        }
+        const enum VuartWait w = vuart_wait(copy, POLLOUT, stall_ms);
+        if (w == kVuartReady) continue;
+        if (w == kVuartChanged) {
+            ATCMD_LOG_AS("VUART_Send", ATCMD_VUART_TAG, ATCMD_LEVEL_ERROR,
+                         "port switched during a write, %zu of %zu bytes sent: %.*s", sent, len,
+                         static_cast<int>(len), buf);
+            return -1;
+        }
+        ATCMD_LOG_AS("VUART_Send", ATCMD_VUART_TAG, ATCMD_LEVEL_ERROR,
+                     "peer took nothing for %d ms, %zu of %zu bytes sent, its output flushed: %.*s",
+                     stall_ms, sent, len, static_cast<int>(len), buf);
+        tcflush(fd, TCOFLUSH);
+        return -1;
+    }
+    ATCMD_LOG_AS("VUART_Send", ATCMD_VUART_TAG, ATCMD_LEVEL_DETAIL, "serial send data is %.*s",
+                 static_cast<int>(len), buf);
+    return static_cast<int>(len);
 }
 
 int UART_Recv(int32_t fd, char *buf, size_t len, int32_t wait_ms) {

@@ -14,12 +14,15 @@
  *    word while Wi-Fi is wanted; a report overtaken by a failure, a stop or a disconnect does
  *    nothing. Closing is done by those, under the same Wi-Fi link lock.
  *  - The handshake is a request, not a state: it is carried out on its own signal.
+ * The end of a refused port's hold is the one wake that is not a signal: a port that could not
+ * be opened is looked at again when it ends, so a node that appears behind its entry is taken.
  */
 #define LOG_TAG "ATCMD_MANAGE"
 
 #include <errno.h>
 #include <signal.h>
 #include <sys/prctl.h>
+#include <time.h>
 #include <unistd.h>
 
 #include "accessory/accessory.h"
@@ -57,9 +60,9 @@ int32_t g_held_port = -1;        // n of the port g_vuart_fd was opened on
 bool g_plug_told = false;        // the plug of the held port has been carried out and told
 uint32_t g_wifi_opened_for = 0;  // the "running" report the channel was last opened for
 
-// Closes the accessory's port and marks it closed. The VUART receive thread may be blocked in a
-// read of it and the transmit thread may be writing it: they see -1 on their next pass, which
-// is how both learn that the port went away.
+// Closes the accessory's port and marks it closed. The VUART receive thread waiting on it and
+// the transmit thread writing it hold copies of their own; the port's end pipe wakes both at
+// once, which is how they learn that the port went away.
 __attribute__((noinline)) void close_accessory_port(void) {
     vuart_hold(-1);
     g_held_port = -1;
@@ -69,10 +72,14 @@ __attribute__((noinline)) void close_accessory_port(void) {
 // The port went away: the upper layer hears of it, then the port is dropped and the mode set.
 // The receive thread ends by itself once it sees the -1.
 void unplug(struct atcmdprocess_device *dev) {
-    link_store(dev->usb_status, -1);
-    link_store(dev->usb_connected, 0);
-    notify_usbevent();
-    close_accessory_port();
+    {
+        // A state answer from this port is told before this, or dropped (its port is gone).
+        UsbStateLock usb;
+        link_store(dev->usb_status, -1);
+        link_store(dev->usb_connected, 0);
+        notify_usbevent();
+        close_accessory_port();
+    }
     {
         WifiLinkLock lock;  // a disconnect does not slip between the look and the store
         const bool wifi_wanted = link_load(dev->system_status.wifi_status) == 1;
@@ -88,12 +95,16 @@ bool open_port(int32_t n) {
     SUPERVISOR_LOG(ATCMD_LEVEL_DETAIL, "hot pluged device is corvel.");
     int32_t fd = -1;
     if (VUART_init(&fd, n) != 0) {
-        acm_port_unusable(n);  // stays closed until the entry is made anew
+        acm_port_unusable(n);  // passed over until its entry is made anew or its refusal ends
         return false;
     }
-    close_accessory_port();
+    // The new port replaces the old in one step, so the receive and transmit threads, woken by
+    // the switch, never find no port between the two and take it for an unplug. What the old
+    // port says of the link from here on is not weighed.
+    UsbStateLock usb;
     vuart_hold(fd);
     g_held_port = n;
+    g_plug_told = false;
     return true;
 }
 
@@ -107,10 +118,16 @@ void finish_plug(struct atcmdprocess_device *dev) {
     }
     if (g_plug_told) return;
     g_plug_told = true;
-    link_store(dev->usb_connected, 1);
-    link_store(dev->system_status.mode, static_cast<int32_t>(AT_MODE_USB));
-    get_corvel_info();
-    notify_usbevent();
+    {
+        UsbStateLock usb;
+        link_store(dev->usb_connected, 1);
+        link_store(dev->system_status.mode, static_cast<int32_t>(AT_MODE_USB));
+    }
+    get_corvel_info();  // paced queries: not under the lock, which dispatch may be waiting for
+    {
+        UsbStateLock usb;
+        notify_usbevent();
+    }
     log_cast_mode(dev);
 }
 
@@ -163,6 +180,26 @@ void handshake(void) {
     get_corvel_usbstate();
 }
 
+// The next signal, or 0 when a refused port's refusal ended first: an entry that could not be
+// opened (a link whose node was not there yet) is looked at again then, without a new entry.
+// With nothing refused the wait has no limit.
+int wait_for_signal(const sigset_t *set) {
+    const int ms = acm_refusal_ends_in_ms();
+    if (ms < 0) {
+        int sig = 0;  // no handler acts on 0, should the wait fail
+        if (sigwait(set, &sig) != 0) ATCMD_LOG(ATCMD_LEVEL_ERROR, "sigwait error");
+        return sig;
+    }
+    const int until_ms = ms + 1;  // just past the end, so that the look finds it ended
+    const struct timespec limit = {until_ms / 1000, (until_ms % 1000) * 1000000L};
+    const int sig = sigtimedwait(set, nullptr, &limit);
+    if (sig > 0) return sig;
+    if (errno == EAGAIN) {
+        SUPERVISOR_LOG(ATCMD_LEVEL_STATE, "a refused port's hold ended, looking again");
+    }
+    return 0;
+}
+
 constexpr int kSignals[] = {ATCMD_SIG_PLUG, ATCMD_SIG_UNPLUG, ATCMD_SIG_HIDDEMON_RUNNING,
                             ATCMD_SIG_HANDSHAKE};
 
@@ -213,9 +250,8 @@ void *atcmder_sigProcess_thread(void * /*arg*/) {
     prctl(PR_SET_NAME, "sigProcess_thread");
     ATCMD_LOG(ATCMD_LEVEL_STATE, "atcmder_sigProcess_thread thread is running");
 
-    int sig = 0;  // no handler acts on 0, should the very first wait fail
     for (;;) {
-        if (sigwait(&set, &sig) != 0) ATCMD_LOG(ATCMD_LEVEL_ERROR, "sigwait error");
+        const int sig = wait_for_signal(&set);
         ATCMD_LOG(ATCMD_LEVEL_STATE, "atcmder_sigProcess_thread handling thread got signal %d",
                   sig);
         struct atcmdprocess_device *dev = g_patcmd_dev;

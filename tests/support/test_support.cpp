@@ -8,6 +8,7 @@
 #include <string.h>
 #include <errno.h>
 #include <stdio.h>
+#include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <time.h>
 #include <unistd.h>
@@ -300,5 +301,37 @@ std::vector<QueuedLine> drain_queue(struct atcmder_queue_head *head, pthread_mut
 }
 
 std::vector<QueuedLine> drain_tx_queue() { return drain_queue(&Tx_head, &g_txqueue_mutex); }
+
+int send_query(atcmdprocess_device_t *dev, const std::string &line, uint8_t cmd_id, uint16_t seq) {
+    char text[AT_LINE_BUF_SIZE];
+    snprintf(text, sizeof text, "%s", line.c_str());
+    AtCmder_t cmd = {};
+    cmd.type = AT_TYPE_QUERY;
+    cmd.flag = PLATFORM_VUART;
+    cmd.cmd_id = cmd_id;
+    cmd.seq_num = seq;
+    cmd.data = text;
+    return dev->atcmdprocess_cmd_from_hidl(&cmd);
+}
+
+int unread_by_module(const std::string &port_path) {
+    const int fd = open(port_path.c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);
+    int unread = -1;
+    if (fd >= 0 && ioctl(fd, FIONREAD, &unread) != 0) unread = -1;
+    if (fd >= 0) close(fd);
+    return unread;
+}
+
+size_t fill_towards_peer(const std::string &port_path) {
+    const int fd = open(port_path.c_str(), O_WRONLY | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);
+    if (fd < 0) return 0;
+    const std::string block(512, 'f');
+    size_t written = 0;
+    for (ssize_t n; (n = write(fd, block.data(), block.size())) > 0;) {
+        written += static_cast<size_t>(n);
+    }
+    close(fd);
+    return written;
+}
 
 }  // namespace atcmd_test

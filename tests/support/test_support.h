@@ -156,6 +156,18 @@ struct QueuedLine {
     std::string text;
 };
 
+// Hands the module a query of the upper layer's (platform 1) with `line` as its text, as
+// atcmdprocess_cmd_from_hidl takes it; returns what that returned.
+int send_query(atcmdprocess_device_t *dev, const std::string &line, uint8_t cmd_id, uint16_t seq);
+
+// Writes into the terminal at `port_path` (a slave, or a link to one) until it takes no more, as
+// the module's lines pile up towards an accessory that stopped reading; returns the bytes taken.
+size_t fill_towards_peer(const std::string &port_path);
+
+// Bytes written by the accessory into the terminal at `port_path` that the module has not yet
+// read; -1 when the terminal cannot be opened.
+int unread_by_module(const std::string &port_path);
+
 // Takes every record off a queue (Tx_head by default), in order.
 std::vector<QueuedLine> drain_queue(struct atcmder_queue_head *head, pthread_mutex_t *mutex);
 std::vector<QueuedLine> drain_tx_queue();

@@ -104,6 +104,7 @@ struct AccSim {
     int drop_next = 0;
     std::set<std::string> silent;
     bool split = false;
+    std::string node_path;  // as written; empty: the port is linked as dev/ttyACMn itself
     int reports_sent = 0;
 };
 
@@ -264,7 +265,7 @@ int plug_locked(AccSim *s, int n) {
     if (!s->gadget.dir.empty()) return plug_gadget_locked(s);
     const std::string name = "ttyACM" + std::to_string(n);
     const std::string dir = rooted("/sys/class/tty/" + name + "/device");
-    const std::string link = rooted("/dev/" + name);
+    const std::string link = rooted(s->node_path.empty() ? "/dev/" + name : s->node_path);
     char slave_name[128];
     if (dir.empty() || link.empty() || !make_dirs(dir) || !make_dirs(rooted("/dev")) ||
         !write_text_file(dir + "/uevent", kUevent) ||
@@ -301,7 +302,7 @@ void unplug_locked(AccSim *s) {
         return;
     }
     const std::string name = "ttyACM" + std::to_string(s->acm_number);
-    unlink(rooted("/dev/" + name).c_str());
+    unlink(rooted(s->node_path.empty() ? "/dev/" + name : s->node_path).c_str());
     unlink(rooted("/sys/class/tty/" + name + "/device/uevent").c_str());
     close_port_locked(s);
     note(s, AccLink::Usb, "!!", "unplugged " + name);
@@ -445,6 +446,14 @@ void acc_sim_destroy(AccSim *s) {
 
 int acc_sim_plug(AccSim *s, int acm_number) {
     std::lock_guard<std::mutex> lock(s->mu);
+    if (s->master < 0) s->node_path.clear();
+    return plug_locked(s, acm_number);
+}
+
+int acc_sim_plug_behind(AccSim *s, int acm_number, const std::string &node_path) {
+    std::lock_guard<std::mutex> lock(s->mu);
+    if (s->master >= 0) return 0;
+    s->node_path = node_path;
     return plug_locked(s, acm_number);
 }
 
@@ -613,8 +622,8 @@ void acc_sim_send_overlong(AccSim *s, int bytes) {
 
 void acc_sim_set_reading(AccSim *s, bool reading) {
     std::lock_guard<std::mutex> lock(s->mu);
+    if (reading != s->reading) note(s, AccLink::Usb, "!!", reading ? "reading the port again" : "not reading the port");
     s->reading = reading;
-    note(s, AccLink::Usb, "!!", reading ? "reading the port again" : "not reading the port");
     wake_thread(s);
 }
 

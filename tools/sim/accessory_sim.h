@@ -57,6 +57,11 @@ void acc_sim_destroy(AccSim *sim);
 // Plug: makes sys/class/tty/ttyACMn/device/uevent, then the link dev/ttyACMn to a fresh
 // pseudo-terminal. Returns 0, or -1 (logged through the observer) when it cannot.
 int acc_sim_plug(AccSim *sim, int acm_number);
+// Plug behind an entry already there: the sysfs uevent as above, and the link `node_path` (as
+// written, e.g. "/nodes/acm3"), which an entry dev/ttyACMn made by someone else may lead to: a
+// node that appears behind an existing entry, with no entry made. Re-plugs (a scheduled bounce)
+// use the same place until the next acc_sim_plug.
+int acc_sim_plug_behind(AccSim *sim, int acm_number, const std::string &node_path);
 // Unplug: removes the link and closes the pseudo-terminal, so the module's read fails.
 void acc_sim_unplug(AccSim *sim);
 // Moves the USB link onto a real port: a gadget with the given ids on `udc` (a UDC's name in
