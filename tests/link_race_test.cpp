@@ -43,7 +43,7 @@ constexpr int kSequencesPerShard = 9;  // 81 in all: every ordered pair of event
 // An upper-layer call under a flood returns within the daemon stop's own second and the state
 // notice's delay, with room for a loaded machine. The flood ends by itself only after the step
 // and the wait for the true state have both had their time, so that a module held by it fails.
-constexpr int kStepUnderFloodMs = 5000;
+constexpr int kStepUnderFloodMs = 8000;
 constexpr int kFloodMaxMs = kStepUnderFloodMs + kSettleMs + 3000;
 constexpr char kCorvelUevent[] = "PRODUCT=7a1d/5101/100\n";
 constexpr char kNode[] = "/node-acm3";          // where a node behind the entry ttyACM3 appears
