@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <mutex>
+#include <regex>
 #include <string>
 #include <vector>
 
@@ -274,6 +275,50 @@ TEST(ServiceCloseTest, CloseEndsTheServiceProcess) {
     ASSERT_TRUE(wait_until([&] { return waitpid(child, &status, WNOHANG) == child; }, 10000));
     ASSERT_TRUE(WIFSIGNALED(status)) << "exit status " << WEXITSTATUS(status);
     EXPECT_EQ(WTERMSIG(status), SIGKILL);
+}
+
+}  // namespace
+
+namespace {
+
+// One module per phone: where the device declares the service (here, the sandbox's VINTF
+// manifest fragments, read as the service manager reads the device's), the console on the desk
+// refuses to open a module of its own; a fragment that does not declare it changes nothing.
+TEST(ConsoleServiceTest, ConsoleRefusesASecondModuleWhereTheServiceIsDeclared) {
+    const std::string fragment = atcmd_test::read_file(ATCMD_TEST_DIR "/../service/vendor.atcmd-service.xml");
+    ASSERT_FALSE(fragment.empty());
+    struct Case {
+        const char *what;
+        std::string manifest;  // "": no fragment at all
+        int exit_status;
+    };
+    const Case cases[] = {
+        {"no fragment", "", 0},
+        {"the service's fragment", fragment, 4},
+        {"the fragment commented out", "<!-- " + fragment.substr(fragment.find("<manifest")) + " -->", 0},
+        {"another interface", std::regex_replace(fragment, std::regex("IAtCmd/default"), "IOther/default"), 0},
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.what);
+        Sandbox sb;
+        if (!c.manifest.empty()) {
+            ASSERT_TRUE(make_dirs(sb.path("/vendor/etc/vintf/manifest")));
+            ASSERT_TRUE(write_text_file(sb.path("/vendor/etc/vintf/manifest/vendor.atcmd-service.xml"), c.manifest));
+        }
+        const std::string command = std::string(ATCMD_TOOL_RUNNER) + "'" ATCMD_BIN_DIR "/atcmd_console' -c status 2>&1";
+        std::string out;
+        FILE *p = popen(command.c_str(), "r");
+        ASSERT_NE(p, nullptr);
+        char buf[4096];
+        for (size_t n; (n = fread(buf, 1, sizeof buf, p)) > 0;) out.append(buf, n);
+        const int status = pclose(p);
+        ASSERT_TRUE(WIFEXITED(status)) << out;
+        EXPECT_EQ(WEXITSTATUS(status), c.exit_status) << out;
+        const bool refused = c.exit_status == 4;
+        EXPECT_EQ(out.find("vendor.quorvanta.atcmd.IAtCmd/default is declared") != std::string::npos, refused) << out;
+        // A refused console opened no module: the module writes its log file as it opens.
+        EXPECT_EQ(access(sb.log_path().c_str(), F_OK) == 0, !refused) << sb.log_path();
+    }
 }
 
 }  // namespace
