@@ -8,7 +8,9 @@
 
 #include <dirent.h>
 #include <errno.h>
+#include <stdio.h>
 #include <string.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <regex>
@@ -134,10 +136,18 @@ public:
     }
 };
 
+// Without the callback the console would print nothing the module says: it does not start.
 int remote_set_callback(atcmdprocess_device_t *, atcmdprocess_notify_cb cb) {
     g_remote.notify = cb;
     static const std::shared_ptr<ConsoleCallback> callback = ndk::SharedRefBase::make<ConsoleCallback>();
-    return reply(g_remote.service->setCallback(callback), 0);
+    const ndk::ScopedAStatus status = g_remote.service->setCallback(callback);
+    if (!status.isOk()) {
+        fprintf(stderr, "error: %s refused the console's callback (%s): another client holds it\n",
+                atcmd_service::kInstance, status.getDescription().c_str());
+        console_cleanup();
+        _exit(kExitNoModule);
+    }
+    return reply(status, 0);
 }
 
 int remote_send(const AtCmder_t *cmd) {
