@@ -13,6 +13,7 @@
 
 #include <android/log.h>
 
+#include "device/link_words.h"
 #include "service/service_names.h"
 #include "sim/messages.h"
 
@@ -183,8 +184,10 @@ Outcome core_set_bt_address(const std::string &mac) {
 
 Status core_status() {
     if (g_dev == nullptr) return {0, AT_MODE_NONE, -1, 0, -1, -1};
+    // The module's threads change these words as links come and go: read each whole.
     const auto &s = g_dev->system_status;
-    return {s.platform, s.mode, s.wifi_status, s.phone_state, g_dev->usb_status, g_dev->usb_connected};
+    return {link_load(s.platform), link_load(s.mode), link_load(s.wifi_status), link_load(s.phone_state),
+            link_load(g_dev->usb_status), link_load(g_dev->usb_connected)};
 }
 
 void core_close() {
