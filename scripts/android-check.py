@@ -13,6 +13,13 @@ host variants with the host flags. Compile only: nothing is linked.
 One line is printed per failing compile, then a tally; the full diagnostics are kept under
 build-android-check/. The exit status is 0 only when every compile passed.
 
+Stable AIDL interfaces. Every Android.bp under interfaces/ is read as well. An aidl_interface
+with the NDK backend gives a library `<name>-V<version>-ndk` for each frozen version; a module
+that names it is compiled against the stand-in headers in scripts/aidl-ndk-standin/ (declarations
+that mirror what the platform's AIDL compiler generates; see the README there), since no AIDL
+compiler of the platform's own release is at hand. The binder NDK's headers come from
+frameworks/native/libs/binder/ndk in TREE.
+
 What the host stage can and cannot see. A platform build compiles host modules against a glibc
 2.17 sysroot; this machine's glibc is newer, so its headers declare functions 2.17 does not have.
 The check poisons the names of the best-known later additions (LATER_GLIBC below) after
@@ -198,7 +205,12 @@ PLATFORM_HEADERS = {
     "liblog": ["system/logging/liblog/include"],
     "liblog_headers": ["system/logging/liblog/include"],
     "libsystem_headers": ["system/core/libsystem/include"],
+    "libbinder_ndk": ["frameworks/native/libs/binder/ndk/include_ndk",
+                      "frameworks/native/libs/binder/ndk/include_cpp",
+                      "frameworks/native/libs/binder/ndk/include_platform"],
 }
+AIDL_NDK_STANDIN = "scripts/aidl-ndk-standin"  # headers standing in for the generated NDK code
+INTERFACE_BPS = "interfaces/**/Android.bp"     # where the project's aidl_interface modules live
 BIONIC_DIRS = ["bionic/libc/include", "bionic/libc/kernel/uapi", None,
                "bionic/libc/kernel/android/uapi"]  # None: the architecture's asm folder
 GTEST_DIRS = ["external/googletest/googletest/include", "external/googletest/googlemock/include"]
@@ -249,15 +261,38 @@ def expand(patterns, what):
     return files, problems
 
 
+def aidl_ndk_libraries(parsed):
+    """The NDK libraries of the aidl_interface modules, by name, with their header folders, and
+    the problems found: a frozen version must have its API dump, the stand-in its header."""
+    libraries, problems = {}, []
+    for mtype, props in parsed:
+        if mtype != "aidl_interface":
+            continue
+        name = props.get("name", "")
+        if not props.get("backend", {}).get("ndk", {}).get("enabled", True):
+            continue
+        versions = [v["version"] for v in props.get("versions_with_info", [])]
+        versions += props.get("versions", [])
+        package_dir = os.path.join(AIDL_NDK_STANDIN, "aidl", *name.split("."))
+        if not glob.glob(os.path.join(package_dir, "I*.h")):
+            problems.append(f"{name}: no stand-in NDK headers in {package_dir}")
+        for version in versions:
+            libraries[f"{name}-V{version}-ndk"] = [AIDL_NDK_STANDIN]
+        libraries[f"{name}-ndk"] = [AIDL_NDK_STANDIN]  # the latest version, as the platform names it
+    return libraries, problems
+
+
 class Check:
-    def __init__(self, tree, text):
+    def __init__(self, tree, text, interface_texts=()):
         self.tree = tree
         parsed = Parser(text).modules()
+        interfaces = [m for t in interface_texts for m in Parser(t).modules()]
+        self.aidl_libraries, self.problems = aidl_ndk_libraries(interfaces)
         self.defaults = {p["name"]: p for t, p in parsed if t == "cc_defaults"}
         self.modules = {p["name"]: (t, resolve_defaults(p, self.defaults))
                         for t, p in parsed if t != "cc_defaults" and "name" in p}
         self.skipped = sorted(n for n, (t, _) in self.modules.items() if not t.startswith("cc_"))
-        self.problems = []
+        self.skipped += sorted(p["name"] for t, p in interfaces if t == "aidl_interface")
 
     def props(self, name, os_name):
         return for_target(self.modules[name][1],
@@ -268,6 +303,8 @@ class Check:
             return self.props(lib, os_name).get("export_include_dirs", [])
         if lib in PLATFORM_HEADERS:
             return [os.path.join(self.tree, d) for d in PLATFORM_HEADERS[lib]]
+        if lib in self.aidl_libraries:
+            return self.aidl_libraries[lib]
         self.problems.append(f"{module}: library {lib}: its headers are unknown to this check")
         return []
 
@@ -368,8 +405,12 @@ def main(argv):
         print(f"android-check: {tree} is not a platform tree (no {', '.join(absent)})",
               file=sys.stderr)
         return 2
+    interface_texts = []
+    for path in sorted(glob.glob(INTERFACE_BPS, recursive=True)):
+        with open(path) as bp:
+            interface_texts.append(bp.read())
     with open("Android.bp") as bp:
-        check = Check(tree, bp.read())
+        check = Check(tree, bp.read(), interface_texts)
     os.makedirs(LOG_DIR, exist_ok=True)
     with tempfile.TemporaryDirectory() as scratch:
         # One compile per distinct command: a source shared by modules is compiled once per

@@ -19,9 +19,9 @@ cd "$(dirname "$0")/.."
 scripts/install-deps.sh
 jobs=$(nproc)
 
-# Android.bp must parse and be written as bpfmt writes it.
+# Android.bp (and the interface's) must parse and be written as bpfmt writes them.
 echo "==== Android.bp (bpfmt -d) ===="
-bp_diff=$(bpfmt -d Android.bp)
+bp_diff=$(bpfmt -d Android.bp interfaces/atcmd/aidl/Android.bp)
 if [ -n "$bp_diff" ]; then
   echo "$bp_diff"
   echo "Android.bp is not in bpfmt's form (bpfmt -w Android.bp rewrites it)"

@@ -155,6 +155,18 @@ typedef struct atcmdprocess_device {
     int32_t reserved[4];
 } atcmdprocess_device_t;
 
+/* The phone's Bluetooth address, handed over by the process that hosts the module, for a phone
+ * where the module cannot read "net.bluetooth.macaddr" itself (a vendor process may not read that
+ * platform property on a Treble phone). The property still comes first; this address is sent to
+ * the accessory only when the property is empty. `mac` is "XX:XX:XX:XX:XX:XX" in hexadecimal;
+ * the platform's placeholder "02:00:00:00:00:00" and anything malformed are refused with a log
+ * line. Returns 0, or -22 (-EINVAL) when refused. Any thread; the host finds it with dlsym on the
+ * module's handle (hw_module_t.dso), as it is not one of the device's operations: the device
+ * object's layout stays as every upper layer knows it. */
+#define ATCMDPROCESS_SET_BT_MACADDR_SYM "atcmdprocess_set_bt_macaddr"
+int atcmdprocess_set_bt_macaddr(const char *mac);
+typedef int (*atcmdprocess_set_bt_macaddr_fn)(const char *mac);
+
 #ifdef __cplusplus
 }
 #endif

@@ -63,6 +63,10 @@ extern char bt_mac_prop[64]; /* name of the Bluetooth MAC property, "net.bluetoo
 void send_stateToMCU(void);
 void send_stateToMPHONE(int32_t state);
 void send_bt_mac(void);
+/* Declared in atcmdprocess.h for the host process; exported here. The one name the module
+ * exports beyond the system's own: the hand-over of the Bluetooth address needs a door that the
+ * device object, whose layout is fixed, does not have. */
+int atcmdprocess_set_bt_macaddr(const char *mac);
 void send_amlogic_ver(void);
 void send_ptest_data(uint32_t n);
 

@@ -2,15 +2,18 @@
  * The lines this phone sends of its own accord: its state, its Bluetooth MAC, the Wi-Fi module's
  * version and the production loop-back pattern. Run on the caller's thread (dispatch, supervisor,
  * test transmitter); the property waits block it for up to about two seconds. Writes slot 3 of
- * g_corvel_devInfo.ver (the Wi-Fi module's version), without a lock, as the parsers do.
+ * g_corvel_devInfo.ver (the Wi-Fi module's version), without a lock, as the parsers do. Keeps
+ * the Bluetooth address the host process handed over (any thread writes it, the senders read it).
  */
 #define LOG_TAG "ATCMD_MANAGE"
 
+#include <errno.h>
 #include <stdio.h>
 #include <string.h>
 #include <unistd.h>
 
 #include <array>
+#include <mutex>
 
 #include <cutils/properties.h>
 
@@ -70,14 +73,43 @@ void queue_line(const LineHeader &h, char *text) {
     atcmder_send_to_tx(&cmd);  // queue errors are ignored
 }
 
-// Reads `key` into `value` (PROPERTY_VALUE_MAX bytes), retrying while it is empty. Fails when
-// the value came only at the last of the retries, as the wait has always been bounded.
-bool wait_property(const char *key, char *value) {
+// What the platform puts where an application may not learn the real address: never sent.
+constexpr char kPlaceholderMac[] = "02:00:00:00:00:00";
+constexpr size_t kMacLength = sizeof kPlaceholderMac - 1;  // "XX:XX:XX:XX:XX:XX"
+
+std::mutex g_handed_mac_mutex;     // guards g_handed_mac; taken alone, never with another lock
+char g_handed_mac[kMacLength + 1];  // the host's address, "" until one is handed over
+
+// Six pairs of hexadecimal digits separated by colons.
+bool mac_well_formed(const char *mac) {
+    if (strnlen(mac, kMacLength + 1) != kMacLength) return false;
+    for (size_t i = 0; i < kMacLength; ++i) {
+        const bool colon = i % 3 == 2;
+        if (colon ? mac[i] != ':' : strchr("0123456789abcdefABCDEF", mac[i]) == nullptr) return false;
+    }
+    return true;
+}
+
+// Reads `key` into `value` (PROPERTY_VALUE_MAX bytes).
+void read_property(const char *key, char *value) { property_get(key, value, ""); }
+
+// The MAC property, or when it is empty (unset, or not readable by this process) the address
+// the host handed over.
+void read_bt_mac(const char *key, char *value) {
     property_get(key, value, "");
+    if (value[0] != '\0') return;
+    std::lock_guard<std::mutex> lock(g_handed_mac_mutex);
+    snprintf(value, PROPERTY_VALUE_MAX, "%s", g_handed_mac);
+}
+
+// Reads `key` with `read` into `value` (PROPERTY_VALUE_MAX bytes), retrying while it is empty.
+// Fails when the value came only at the last of the retries, as the wait has always been bounded.
+bool wait_property(const char *key, char *value, void (*read)(const char *, char *) = read_property) {
+    read(key, value);
     int retries = 0;
     while (value[0] == '\0') {
         usleep(kPropertyRetryUs);
-        property_get(key, value, "");
+        read(key, value);
         if (++retries >= kPropertyRetries) break;
     }
     return retries < kPropertyRetries;
@@ -117,7 +149,7 @@ void send_bt_mac(void) {
     const int32_t platform = current_platform(__func__);
     if (platform == 0) return;
     char mac[PROPERTY_VALUE_MAX] = {};
-    if (!wait_property(bt_mac_prop, mac)) {
+    if (!wait_property(bt_mac_prop, mac, read_bt_mac)) {
         ATCMD_LOG(ATCMD_LEVEL_ERROR, "Can not get Corvel BTMAC %s.", bt_mac_prop);
         return;
     }
@@ -127,6 +159,27 @@ void send_bt_mac(void) {
     queue_line({AT_TYPE_RESPONSE, AT_NODE_ACCESSORY, static_cast<uint8_t>(platform), AT_MSG_BTMAC,
                 AT_MSG_BTMAC},
                text);
+}
+
+// Keeps the host's address for send_bt_mac, which sends it only while the property is empty:
+// the property comes first, as on a phone where this process may read it and on the desk.
+int atcmdprocess_set_bt_macaddr(const char *mac) {
+    if (mac == nullptr || !mac_well_formed(mac)) {
+        ATCMD_LOG(ATCMD_LEVEL_ERROR, "Bluetooth address \"%.32s\" refused: not XX:XX:XX:XX:XX:XX",
+                  mac != nullptr ? mac : "(null)");
+        return -EINVAL;
+    }
+    if (strcmp(mac, kPlaceholderMac) == 0) {
+        ATCMD_LOG(ATCMD_LEVEL_ERROR, "Bluetooth address %s refused: the platform's placeholder", mac);
+        return -EINVAL;
+    }
+    {
+        std::lock_guard<std::mutex> lock(g_handed_mac_mutex);
+        memcpy(g_handed_mac, mac, sizeof g_handed_mac);
+    }
+    ATCMD_LOG(ATCMD_LEVEL_STATE, "Bluetooth address %s handed over, sent when %s is empty", mac,
+              bt_mac_prop);
+    return 0;
 }
 
 // Tells the accessory the Wi-Fi module's version: the one cached in slot 3, or else the version

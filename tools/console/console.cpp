@@ -24,6 +24,7 @@
 #include <cutils/properties.h>
 
 #include "console/loader.h"
+#include "console/service_link.h"
 #include "console/log_watch.h"
 #include "console/timeline.h"
 #include "console/trace.h"
@@ -617,7 +618,7 @@ int console_start(const ConsoleOptions &options, std::string *error) {
     g.options.wait_scale = std::max(1, options.wait_scale);
     if (!options.trace.empty() && !trace_open(options.trace, g.started, error)) return kExitFailed;
     log_watch_start();  // from the log's present end: what the module says as it opens is news
-    if (!load_module(options.module, options.log_level, &g.module, error)) return kExitNoModule;
+    if (!link_module(options.module, options.log_level, &g.module, error)) return kExitNoModule;
     log_watch_opened();
     if (!options.trace.empty()) {
         timeline_start(g.module.dev->system_status.platform, options.simulators);

@@ -146,6 +146,8 @@ bool load_module(const std::string &explicit_path, int log_level, LoadedModule *
     return true;
 }
 
-void *module_symbol(const LoadedModule &m, const char *name) { return dlsym(m.handle, name); }
+void *module_symbol(const LoadedModule &m, const char *name) {
+    return m.handle != nullptr ? dlsym(m.handle, name) : nullptr;  // none: a module served elsewhere
+}
 
 }  // namespace atcmd_tools

@@ -28,7 +28,7 @@ std::vector<std::string> module_candidates(const std::string &explicit_path);
 // false with the reason in *error.
 bool load_module(const std::string &explicit_path, int log_level, LoadedModule *out, std::string *error);
 
-// An exported name of the loaded module, or null.
+// An exported name of the loaded module, or null (always for a module reached through its service).
 void *module_symbol(const LoadedModule &m, const char *name);
 
 }  // namespace atcmd_tools

@@ -11,6 +11,8 @@
 #include <string.h>
 #include <strings.h>
 
+#include <algorithm>
+
 #include "src/supervision/resend.h"
 
 #define ATCMD_STR_(x) #x
@@ -166,6 +168,18 @@ DecodedMessage decode_message(const AT_CMD_CbMsg_t *msg) {
         }
     }
     return m;
+}
+
+size_t message_data_size(const AT_CMD_CbMsg_t *msg) {
+    if (msg->data == nullptr || msg->msg_id >= AT_MSG_COUNT) return 0;
+    const MessageRow &row = kRows[msg->msg_id];
+    switch (row.kind) {
+    case ValueKind::Ints: return row.ints * sizeof(int32_t);
+    case ValueKind::Text: return std::min<size_t>(strnlen(static_cast<const char *>(msg->data), AT_LINE_BUF_SIZE) + 1, AT_LINE_BUF_SIZE);
+    case ValueKind::VerBlock: return CORVEL_VER_BLOCK_SIZE;
+    case ValueKind::None: break;
+    }
+    return 0;
 }
 
 std::string message_text(const DecodedMessage &m) {

@@ -40,6 +40,12 @@ bool record_from_line(const std::string &line, AtCmder_t *cmd);
 // Copies what `msg->data` points to; must run inside the callback.
 DecodedMessage decode_message(const AT_CMD_CbMsg_t *msg);
 
+// How many bytes of `msg->data` decode_message reads, so that a copy of them decodes the same
+// elsewhere (the service hands messages to its client this way): the integers, the text with
+// its terminator (at most AT_LINE_BUF_SIZE), the version block; 0 for no data or an id whose
+// value is not decoded. Must run inside the callback.
+size_t message_data_size(const AT_CMD_CbMsg_t *msg);
+
 // "VER seq 11: ..." for people; error codes and the USB pair get their meaning spelled out.
 std::string message_text(const DecodedMessage &m);
 // {"msg_id":11,"name":"VER","seq_num":11,"value":...} on one line.

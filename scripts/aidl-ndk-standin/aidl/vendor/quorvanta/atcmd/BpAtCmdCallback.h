@@ -1,0 +1,34 @@
+/*
+ * STAND-IN for the compile check only (scripts/android-check.py); never built into anything.
+ * Mirrors the declarations the platform's AIDL compiler (Android 14, NDK backend) generates for
+ * the client side of IAtCmdCallback of vendor.quorvanta.atcmd version 1 (interfaces/atcmd/aidl), so that the service and
+ * the console compile against bionic and the binder NDK headers without that compiler. It
+ * declares; it defines nothing the generated .cpp would. A platform build uses the generated
+ * header of the same name instead. scripts/aidl-ndk-standin/README.md says how it is kept.
+ */
+#pragma once
+
+#include "aidl/vendor/quorvanta/atcmd/IAtCmdCallback.h"
+
+#include <android/binder_ibinder.h>
+
+namespace aidl {
+namespace vendor {
+namespace quorvanta {
+namespace atcmd {
+class BpAtCmdCallback : public ::ndk::BpCInterface<IAtCmdCallback> {
+public:
+  explicit BpAtCmdCallback(const ::ndk::SpAIBinder& binder);
+  virtual ~BpAtCmdCallback();
+
+  ::ndk::ScopedAStatus onMessage(const ::aidl::vendor::quorvanta::atcmd::AtCmdMessage& in_message) override;
+  ::ndk::ScopedAStatus getInterfaceVersion(int32_t* _aidl_return) override;
+  ::ndk::ScopedAStatus getInterfaceHash(std::string* _aidl_return) override;
+  int32_t _aidl_cached_version = -1;
+  std::string _aidl_cached_hash = "-1";
+  std::mutex _aidl_cached_hash_mutex;
+};
+}  // namespace atcmd
+}  // namespace quorvanta
+}  // namespace vendor
+}  // namespace aidl
