@@ -16,13 +16,23 @@ struct Matcher {
     std::map<std::string, std::deque<int>> waiting;  // unmatched expected outputs by text
     std::vector<bool> done;
     size_t left = 0;
+    // The file's last message, when it is an output: the file may end inside it, so a desk
+    // output that begins with its text matches it.
+    int last = -1;
+    std::string last_key;
 };
 
 Matcher *matcher_create(const std::vector<Output> &expected) {
     auto *m = new Matcher;
     m->done.assign(expected.size(), false);
     m->left = expected.size();
-    for (size_t i = 0; i < expected.size(); ++i) m->waiting[expected[i].key].push_back(static_cast<int>(i));
+    for (size_t i = 0; i < expected.size(); ++i) {
+        m->waiting[expected[i].key].push_back(static_cast<int>(i));
+        if (expected[i].at_file_end) {
+            m->last = static_cast<int>(i);
+            m->last_key = expected[i].key;
+        }
+    }
     return m;
 }
 
@@ -55,6 +65,15 @@ bool pair_off(Matcher *m, const std::string &key, int limit) {
 
 int matcher_add(Matcher *m, const Output &desk, int limit) {
     auto it = m->waiting.find(desk.key);
+    if ((it == m->waiting.end() || it->second.empty()) && m->last >= 0 && !m->done[static_cast<size_t>(m->last)] &&
+        desk.key.size() > m->last_key.size() && desk.key.compare(0, m->last_key.size(), m->last_key) == 0) {
+        it = m->waiting.find(m->last_key);
+        auto at = std::find(it->second.begin(), it->second.end(), m->last);
+        if (at != it->second.end()) it->second.erase(at);
+        m->done[static_cast<size_t>(m->last)] = true;
+        m->left--;
+        return m->last;
+    }
     if (it == m->waiting.end() || it->second.empty()) {
         pair_off(m, desk.key, limit);
         return -1;
@@ -125,23 +144,58 @@ std::string race_before(const World &w, size_t line) {
            "), racing the module's own threads; the phone's winner need not be the desk's";
 }
 
+// A note of the reader (another writer's bytes, a chunk cut off, a clock that jumps) on a line
+// from `after` (exclusive) to `upto`: the log is damaged just where the two sides part.
+const LogNote *damage_between(const World &w, size_t after, size_t upto) {
+    for (const LogNote &n : w.notes) {
+        if (n.line > after && n.line <= upto) return &n;
+    }
+    return nullptr;
+}
+
+// The line of the last expected output before index `i`, or 0.
+size_t line_before(const World &w, size_t i) { return i == 0 ? 0 : w.expected[i - 1].line; }
+
 }  // namespace
 
 Divergence first_divergence(const World &world, const DeskRun &desk) {
     Divergence d;
-    // The earliest expected output the desk did not produce...
-    size_t missing = world.expected.size();
+    // The file's last message cut off: matched as far as the log goes.
     for (size_t i = 0; i < world.expected.size(); ++i) {
-        if (desk.matched_by[i] < 0) {
-            missing = i;
-            break;
+        const int by = desk.matched_by[i];
+        if (world.expected[i].at_file_end && by >= 0 && desk.outputs[static_cast<size_t>(by)].key != world.expected[i].key) {
+            d.cut.push_back("the log ends inside a message at line " + std::to_string(world.expected[i].line) +
+                            ": it stops at \"" + world.expected[i].key + "\", which the desk's \"" +
+                            desk.outputs[static_cast<size_t>(by)].key + "\" begins with; compared as far as it goes");
         }
     }
+    // The earliest expected output the desk did not produce (the file's last message, when
+    // nothing begins with it, is not held against the desk: the file may end inside it)...
+    size_t missing = world.expected.size();
+    for (size_t i = 0; i < world.expected.size(); ++i) {
+        if (desk.matched_by[i] >= 0) continue;
+        if (world.expected[i].at_file_end) {
+            d.cut.push_back("the log's last message (line " + std::to_string(world.expected[i].line) + ", \"" +
+                            world.expected[i].key + "\") has no counterpart on the desk; the file may end inside it");
+            continue;
+        }
+        missing = i;
+        break;
+    }
     // ...and the earliest desk output the log does not hold, placed after the log line its
-    // predecessor on the desk matched.
+    // predecessor on the desk matched. Desk outputs after the last one that matched come after
+    // the log's end when the log holds nothing more: they are not compared.
     std::vector<bool> used(desk.outputs.size(), false);
+    size_t last_used = 0;
     for (int by : desk.matched_by) {
-        if (by >= 0) used[static_cast<size_t>(by)] = true;
+        if (by < 0) continue;
+        used[static_cast<size_t>(by)] = true;
+        last_used = std::max(last_used, static_cast<size_t>(by) + 1);
+    }
+    const bool have_missing = missing < world.expected.size();
+    const size_t compared = have_missing ? desk.outputs.size() : last_used;
+    if (!have_missing) {
+        for (size_t j = last_used; j < desk.outputs.size(); ++j) d.went_on++;
     }
     size_t extra = desk.outputs.size();
     size_t extra_after_line = 0;
@@ -150,7 +204,7 @@ Divergence first_divergence(const World &world, const DeskRun &desk) {
         if (desk.matched_by[i] >= 0) line_of_desk[static_cast<size_t>(desk.matched_by[i])] = world.expected[i].line;
     }
     size_t last_line = 0;
-    for (size_t j = 0; j < desk.outputs.size(); ++j) {
+    for (size_t j = 0; j < compared; ++j) {
         if (used[j]) {
             last_line = std::max(last_line, line_of_desk[j]);
         } else {
@@ -159,13 +213,14 @@ Divergence first_divergence(const World &world, const DeskRun &desk) {
             break;
         }
     }
-    const bool have_missing = missing < world.expected.size();
     const bool have_extra = extra < desk.outputs.size();
     if (!have_missing && !have_extra) return d;
+    d.went_on = 0;
     d.found = true;
     // A missing output and an extra one of the same kind are the two sides of one difference.
     const bool pair = have_missing && have_extra && head_of(world.expected[missing].key) == head_of(desk.outputs[extra].key);
-    if (have_missing && (!have_extra || pair || world.expected[missing].line <= extra_after_line + 1)) {
+    const bool lines_missing = have_missing && !world.expected[missing].unexplained.empty();
+    if (have_missing && (lines_missing || !have_extra || pair || world.expected[missing].line <= extra_after_line + 1)) {
         const Output &want = world.expected[missing];
         d.log_line = want.line;
         d.log_side = kind_name(want.kind) + std::string(": ") + want.key;
@@ -177,16 +232,34 @@ Divergence first_divergence(const World &world, const DeskRun &desk) {
                 break;
             }
         }
+        if (const LogNote *n = damage_between(world, line_before(world, missing), want.line)) {
+            d.damage = Damage::LogNote;
+            d.damage_text = "log line " + std::to_string(n->line) + ": " + n->text;
+        } else if (lines_missing) {
+            d.damage = Damage::LinesMissing;
+            d.damage_text = "lines are missing from the log before line " + std::to_string(want.line) + ": " + want.unexplained;
+        }
         d.explained = explain(world, want.key);
-        if (d.explained.empty() && !pair) d.explained = race_before(world, d.log_line);
+        if (d.explained.empty() && !pair && d.damage == Damage::None) d.explained = race_before(world, d.log_line);
         return d;
     }
     const Output &got = desk.outputs[extra];
     d.log_line = extra_after_line;
     d.log_side = "nothing like it after this line";
     d.desk_side = kind_name(got.kind) + std::string(": ") + got.key;
+    size_t next_line = world.end_line;
+    for (const Output &o : world.expected) {
+        if (o.line > extra_after_line) {
+            next_line = o.line;
+            break;
+        }
+    }
+    if (const LogNote *n = damage_between(world, extra_after_line, next_line)) {
+        d.damage = Damage::LogNote;
+        d.damage_text = "log line " + std::to_string(n->line) + ": " + n->text;
+    }
     d.explained = explain(world, got.key);
-    if (d.explained.empty()) d.explained = race_before(world, d.log_line);
+    if (d.explained.empty() && d.damage == Damage::None) d.explained = race_before(world, d.log_line);
     return d;
 }
 
