@@ -10,10 +10,12 @@ set -euo pipefail
 native=$(dpkg --print-architecture)
 # clang and libclang-rt-14-dev: the libFuzzer targets; valgrind: scripts/memcheck.sh;
 # blueprint-tools: bpfmt, which checks Android.bp; jq: the trace tests read the console's trace;
-# libedit-dev: line editing at the console's prompt.
+# libedit-dev: line editing at the console's prompt; nodejs, librsvg2-bin and fonts-dejavu-core:
+# scripts/trace-picture.sh draws a trace as SVG and turns it into a PNG (no browser).
 # scripts/android-check.sh asks for clang-19, libc++-19-dev and python3 itself, when it runs.
 packages=(cmake make g++ binutils googletest:all libgtest-dev android-liblog-dev
-          clang libclang-rt-14-dev valgrind blueprint-tools jq libedit-dev "$@")
+          clang libclang-rt-14-dev valgrind blueprint-tools jq libedit-dev
+          nodejs librsvg2-bin fonts-dejavu-core:all "$@")
 
 missing=()
 foreign=()
