@@ -119,8 +119,10 @@ int64_t estimated_play_us(const World &w, double speed) {
         }
         prev = std::max(prev, in.time_us);
     }
-    // After the last input the module's own outputs come at its own pace.
-    return total + std::max<int64_t>(w.end_us - prev, 0);
+    // After the last input the module's own outputs come at its own pace, and the player
+    // watches a little longer for one the phone had not logged.
+    constexpr int64_t kAfterLastUs = 300000;
+    return total + std::max<int64_t>(w.end_us - prev, 0) + kAfterLastUs;
 }
 
 std::string describe_pace(const World &w, double speed) {
