@@ -201,3 +201,27 @@ TEST(ReplayCompare, TheLogsEndCutOffEndAndMissingLinesAreNotDivergences) {
     EXPECT_EQ(m.log_line, 2u);
     EXPECT_NE(m.damage_text.find("lines are missing from the log before line 2"), std::string::npos) << m.damage_text;
 }
+
+// The module's own threads race at a plug (the USB pair told against the +USBSTATE answer
+// parsed; an unplug during the interrogation): a difference there names the race.
+TEST(ReplayCompare, ADifferenceWhereTheModulesThreadsRaceAtAPlugNamesTheRace) {
+    const std::string plug = "[100.1000][tid:4]dev_event_process:77: New file ttyACM3 created.";
+    const std::string told = "[100.1200][tid:6]notify_usbevent:40: Notify usb evt 1 0";
+    const std::string unplug = "[100.3000][tid:4]dev_event_process:82: File ttyACM3 deleted.";
+    const struct {
+        std::string log;
+        const char *names;
+    } cases[] = {
+        {std::string(kOpen) + plug + told, "the supervisor tells the USB pair"},
+        {std::string(kOpen) + plug + told + unplug, "during the start-up interrogation"},
+    };
+    for (const auto &c : cases) {
+        const World w = world_of(c.log);
+        ASSERT_EQ(w.expected.size(), 1u) << c.names;
+        Output desk = w.expected[0];
+        desk.key.back() = '1';
+        const Divergence d = compare(w, {desk});
+        ASSERT_TRUE(d.found) << c.names;
+        EXPECT_NE(d.explained.find(c.names), std::string::npos) << d.explained;
+    }
+}

@@ -144,6 +144,35 @@ std::string race_before(const World &w, size_t line) {
            "), racing the module's own threads; the phone's winner need not be the desk's";
 }
 
+constexpr int64_t kInterrogationUs = 1000000;  // a plug's start-up interrogation is over by then
+
+// Two of the module's own threads that the log shows racing around a plug, with no input
+// between them to order them: named when the difference falls there.
+std::string module_race(const World &w, size_t line, int64_t time_us, const std::string &key) {
+    const Input *plug = nullptr;
+    for (const Input &in : w.inputs) {
+        if (in.line > line) break;
+        if (in.kind == InputKind::Plug) plug = &in;
+    }
+    if (plug == nullptr || time_us - plug->time_us > kInterrogationUs) return "";
+    for (const Input *in = plug + 1; in < w.inputs.data() + w.inputs.size(); ++in) {
+        if (in->kind == InputKind::Unplug && in->time_us - plug->time_us < kInterrogationUs) {
+            return "the unplug at log line " + std::to_string(in->line) + " came " +
+                   std::to_string((in->time_us - plug->time_us) / 1000) +
+                   " ms after the plug at log line " + std::to_string(plug->line) +
+                   ", during the start-up interrogation: the module handles it once the interrogation's queries are "
+                   "queued, racing its transmit thread for the last of them; the phone's winner need not be the desk's";
+        }
+    }
+    if (key.rfind("USB event: ", 0) == 0) {
+        return "the plug at log line " + std::to_string(plug->line) +
+               ": the supervisor tells the USB pair after queueing the interrogation, while the dispatch thread may "
+               "already have parsed the accessory's +USBSTATE answer, which sets the status; which comes first decides "
+               "the status told (-1 or the answer's), on the phone and on the desk alike";
+    }
+    return "";
+}
+
 // A note of the reader (another writer's bytes, a chunk cut off, a clock that jumps) on a line
 // from `after` (exclusive) to `upto`: the log is damaged just where the two sides part.
 const LogNote *damage_between(const World &w, size_t after, size_t upto) {
@@ -235,6 +264,7 @@ Divergence first_divergence(const World &world, const DeskRun &desk) {
             d.damage_text = "lines are missing from the log before line " + std::to_string(want.line) + ": " + want.unexplained;
         }
         d.explained = explain(world, want.key);
+        if (d.explained.empty() && d.damage == Damage::None) d.explained = module_race(world, want.line, want.time_us, want.key);
         if (d.explained.empty() && !pair && d.damage == Damage::None) d.explained = race_before(world, d.log_line);
         return d;
     }
@@ -254,6 +284,11 @@ Divergence first_divergence(const World &world, const DeskRun &desk) {
         d.damage_text = "log line " + std::to_string(n->line) + ": " + n->text;
     }
     d.explained = explain(world, got.key);
+    int64_t at_us = world.origin_us;
+    for (const Output &o : world.expected) {
+        if (o.line <= extra_after_line) at_us = o.time_us;
+    }
+    if (d.explained.empty() && d.damage == Damage::None) d.explained = module_race(world, extra_after_line, at_us, got.key);
     if (d.explained.empty() && d.damage == Damage::None) d.explained = race_before(world, d.log_line);
     return d;
 }
