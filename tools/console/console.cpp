@@ -1,7 +1,7 @@
 /*
- * The console's state and commands: the loaded module, the decoded messages (with a cursor per
- * message kind for "wait"), the simulators, and the command table with each command's argument
- * check. Commands run on the main thread; the callback on the module's threads; the simulators'
+ * The console's state and commands: the loaded module, the decoded messages (with where the
+ * next "wait" looks from), the requests it handed over (what an ERROR or a time-out belongs to),
+ * the simulators, and the command table with each command's argument check. Commands run on the main thread; the callback on the module's threads; the simulators'
  * observers on theirs; the log watch on its own. Every line printed goes through emit().
  */
 #include "console/console.h"
