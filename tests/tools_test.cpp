@@ -269,7 +269,8 @@ TEST(TraceTest, ATraceCutShortByASignalIsStillValid) {
     for (int sig : {SIGINT, SIGTERM, SIGKILL}) {
         Sandbox sb;
         const pid_t pid = start_console(sb, "--sim", "acc plug 3; wait VER 8000; acc silent +SN; query sn; sleep 20000");
-        ASSERT_TRUE(wait_until([&] { return read_file(sb.path("/t.json")).find("\"resend\"") != std::string::npos; }, 10000));
+        // The query's own resend (a slow run may resend the interrogation's queries as well).
+        ASSERT_TRUE(wait_until([&] { return read_file(sb.path("/t.json")).find("{\"seq\":100,\"resend\"") != std::string::npos; }, 10000));
         kill(pid, sig);
         const int status = finish(pid);
         EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == sig) << status;
@@ -444,13 +445,14 @@ TEST_P(ReplayEndToEndTest, TheConsolesLogReplaysWithNoDivergence) {
     ASSERT_EQ(out.find("error:"), std::string::npos) << out;
     const std::string log = sb.log_path(), trace = sb.path("/phone.json");
     const std::string replay = ATCMD_TOOL_RUNNER "'" ATCMD_BIN_DIR "/atcmd_replay' ";
-    // The divergences allowed: an extra resend on the desk, when a loaded machine (or an
-    // emulator) played an answer later than the module's resend timer; and the USB pair told at
+    // The divergences allowed: a resend on the desk where the phone had none, when a loaded
+    // machine (or an emulator) played an answer later than the module's resend timer; and the USB pair told at
     // a plug, which races the accessory's +USBSTATE answer inside the module, named as such.
     const std::string report = run("{ " + replay + "--speed 10 '" + log + "'; echo \"exit $?\"; }", 0);
     const bool same = report.find("\nno divergence: ") != std::string::npos && report.find("\nexit 0") != std::string::npos;
     const bool diverged = report.find("\nexit 1") != std::string::npos;
-    const bool late = diverged && report.find("  the desk: a resend: ") != std::string::npos;
+    const bool late = diverged && (report.find("  the desk: a resend: ") != std::string::npos ||
+                                   report.find("  the desk: resent: ") != std::string::npos);
     const bool usb_race = diverged && report.find("the supervisor tells the USB pair after queueing") != std::string::npos;
     EXPECT_TRUE(same || late || usb_race) << report;
     run(replay + "--to-trace '" + trace + "' '" + log + "'", 0);
