@@ -19,7 +19,8 @@ echo
 echo "sandbox left in place: $root"
 echo "  module log:  $root/sdcard/quorvanta/.log/atcmdprocess"
 echo "  properties:  $root/property/ ($(ls "$root/property" | tr '\n' ' '))"
-echo "  replay it:   build/bin/atcmd_replay --speed 10 $root/sdcard/quorvanta/.log/atcmdprocess"
+echo "  replay it:   build/bin/atcmd_replay $root/sdcard/quorvanta/.log/atcmdprocess"
+echo "               (about as long as the demonstration: the module's own timers set the pace)"
 echo "  trace:       $trace"
 echo "               (open it in a trace viewer: Perfetto UI > Open trace file, or speedscope)"
 if [ "$status" -ne 0 ]; then

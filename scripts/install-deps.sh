@@ -11,14 +11,16 @@ native=$(dpkg --print-architecture)
 # clang and libclang-rt-14-dev: the libFuzzer targets; valgrind: scripts/memcheck.sh;
 # blueprint-tools: bpfmt, which checks Android.bp; jq: the trace tests read the console's trace;
 # libedit-dev: line editing at the console's prompt; libxml2-utils: xmllint, which checks the
-# service's VINTF fragment and compatibility matrix.
+# service's VINTF fragment and compatibility matrix; nodejs, librsvg2-bin and fonts-dejavu-core:
+# scripts/trace-picture.sh draws a trace as SVG and turns it into a PNG (no browser).
 # qemu-system-x86, linux-image-amd64 and busybox-static: the kernel stage's guest
 # (scripts/kernel-test.sh), installed without their recommendations and only on an amd64 machine;
 # a failed install of these is reported and leaves the stage to say SKIPPED.
 # scripts/android-check.sh asks for clang-19, libc++-19-dev and python3 itself, when it runs;
 # scripts/sepolicy-check.sh for checkpolicy, policycoreutils (setfiles) and m4.
 packages=(cmake make g++ binutils googletest:all libgtest-dev android-liblog-dev
-          clang libclang-rt-14-dev valgrind blueprint-tools jq libedit-dev libxml2-utils "$@")
+          clang libclang-rt-14-dev valgrind blueprint-tools jq libedit-dev libxml2-utils
+          nodejs librsvg2-bin fonts-dejavu-core:all "$@")
 
 kernel_stage=()
 [ "$native" = amd64 ] && kernel_stage=(qemu-system-x86 linux-image-amd64 busybox-static)

@@ -1,7 +1,9 @@
 #!/usr/bin/env bash
 # Draws a console trace as a picture: lays the trace out as a trace viewer does
-# (scripts/trace-picture.js, plain Node: the whole run, and a window the trace itself picks,
-# both titled from the trace) and takes a screenshot with Debian's headless Chromium. Offline.
+# (scripts/trace-picture.js, plain Node, writes an SVG: the whole run, and a window the trace
+# itself picks, both titled from the trace) and turns it into a PNG with rsvg-convert
+# (librsvg2-bin). No browser; offline. It installs nothing: what is missing is named, and
+# scripts/install-deps.sh installs it.
 #
 #   scripts/trace-picture.sh TRACE [OUT.png]     OUT defaults to TRACE with .png for .json
 #   scripts/trace-picture.sh --demo [OUT.png]    runs the demonstration with --trace first;
@@ -26,16 +28,18 @@ fi
 cd "$(dirname "$0")/.."
 
 missing=()
-command -v chromium >/dev/null || missing+=(chromium)
-command -v node >/dev/null || missing+=(nodejs)
+command -v node >/dev/null || missing+=("node (Debian package nodejs)")
+command -v rsvg-convert >/dev/null || missing+=("rsvg-convert (Debian package librsvg2-bin)")
+[ -e /usr/share/fonts/truetype/dejavu/DejaVuSans.ttf ] || missing+=("the DejaVu fonts (Debian package fonts-dejavu-core)")
 if [ ${#missing[@]} -ne 0 ]; then
-  sudo=""
-  [ "$(id -u)" -eq 0 ] || sudo="sudo"
-  $sudo apt-get update -qq
-  DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y -qq "${missing[@]}" fonts-dejavu-core
+  printf '%s: missing: %s\n' "$0" "${missing[*]}" >&2
+  echo "$0: scripts/install-deps.sh installs them (nothing is installed from here)" >&2
+  exit 1
 fi
 
 work=$(mktemp -d /tmp/atcmd-trace-picture-XXXXXX)
+cleanup() { rm -f "$work/picture.svg"; rmdir "$work" 2>/dev/null || true; }
+trap cleanup EXIT
 if [ "$1" = "--demo" ]; then
   cmake -S . -B build -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
   cmake --build build -j2 --target atcmdprocess_module atcmd_console >/dev/null
@@ -47,8 +51,7 @@ else
   out=${out:-${trace%.json}.png}
 fi
 
-node scripts/trace-picture.js "$trace" >"$work/page.html"
+node scripts/trace-picture.js "$trace" >"$work/picture.svg"
 mkdir -p "$(dirname "$out")"
-chromium --headless --no-sandbox --disable-gpu --hide-scrollbars --window-size=1410,490 \
-  --screenshot="$out" "file://$work/page.html" 2>/dev/null
+rsvg-convert --format=png --background-color=white -o "$out" "$work/picture.svg"
 echo "$out from $trace"

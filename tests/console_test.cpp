@@ -78,7 +78,7 @@ TEST(ConsoleRefusalTest, BadInputIsRefusedOnStandardErrorWithItsOwnExitStatus) {
         {"'" + sb.path("/a-directory") + "'", 2, "is a directory"},
         {"'" + sb.path("/no-such-script") + "'", 2, "No such file or directory"},
         {"--module '" + foreign + "' -c status", 4, "is built for " + arch},
-        {"-c 'wait VER abc'", 2, "usage: wait NAME[=VALUE] [MS]"},
+        {"-c 'wait VER abc'", 2, "usage: wait [--seen] NAME[=VALUE] [MS]"},
         {"-c 'wait-log open 2000'", 2, "usage: wait-log MS TEXT"},
         {"-c 'loglevel abc'", 2, "usage: loglevel [N]"},
         {"-c 'query nosuch'", 2, "names: REBOOT UPGRADE"},
@@ -99,7 +99,7 @@ TEST(ConsoleRefusalTest, BadInputIsRefusedOnStandardErrorWithItsOwnExitStatus) {
     EXPECT_EQ(run_console("--stop-on-error -c 'wait VER 20; nosuch'").err.find("nosuch"), std::string::npos);
     // help for one command shows that command alone.
     const Ran help = run_console("-c 'help wait'");
-    EXPECT_NE(help.out.find("wait NAME[=VALUE] [MS]"), std::string::npos) << help.out;
+    EXPECT_NE(help.out.find("wait [--seen] NAME[=VALUE] [MS]"), std::string::npos) << help.out;
     EXPECT_EQ(help.out.find("setprop"), std::string::npos) << help.out;
 }
 
@@ -258,7 +258,7 @@ TEST(ConsoleKeyboardTest, CtrlCCancelsTheWaitAndTheSessionStaysAJsonStream) {
         // Running: a Ctrl-C before the line is taken would drop it, as at any terminal.
         ASSERT_TRUE(file_holds(out, "\"event\":\"command\",\"text\":\"wait VER 60000\"")) << read_file(out);
         kb.type("\x03");  // Ctrl-C: the wait ends, the console does not
-        EXPECT_TRUE(file_holds(out, "\"text\":\"cancelled waiting for VER\"")) << read_file(out);
+        EXPECT_TRUE(file_holds(out, "\"text\":\"cancelled waiting for VER (")) << read_file(out);
         ASSERT_TRUE(kb.shows("atcmd> ")) << kb.screen();
 #ifdef ATCMD_CONSOLE_EDITS_LINES
         kb.type("sta\t\r");  // Tab completes the command's name
@@ -292,4 +292,53 @@ TEST(ConsoleKeyboardTest, CtrlCCancelsTheWaitAndTheSessionStaysAJsonStream) {
     EXPECT_TRUE(again.shows("devinfo")) << again.screen();
     again.type("quit\r");
     EXPECT_EQ(again.exit_status(), 0);
+}
+
+// A wait takes a message that comes after the last action and after what the last wait met:
+// the interrogation's TYPE, which comes before its VER, does not satisfy a wait for TYPE after
+// the wait for VER; --seen takes it and says when it came.
+TEST(ConsoleWaitTest, AWaitTakesTheNextMessageAndSeenTakesOneThatCameSayingWhen) {
+    Sandbox sb;
+    const std::string start = "--sim -c 'setprop net.bluetooth.macaddr 11:22:33:44:55:66; acc plug 3; wait VER 8000; ";
+    const Ran next = run_console(start + "wait TYPE 300'");
+    EXPECT_EQ(next.status, 3) << next.out << next.err;
+    EXPECT_TRUE(std::regex_search(next.err, std::regex(R"(error: timed out waiting for TYPE \(300 ms from \d+\.\d{3} s\))")))
+        << next.err;
+    const Ran seen = run_console(start + "wait --seen TYPE 300; wait --seen TYPE=KV4410C 300'");
+    EXPECT_EQ(seen.status, 0) << seen.out << seen.err;
+    EXPECT_TRUE(std::regex_search(seen.out, std::regex(R"(TYPE seq 15 came at (\d+\.\d{3}) s, before this wait \(\d+\.\d{3} s\)\n)")))
+        << seen.out;
+}
+
+// An ERROR and a wait that timed out name the request they belong to: its line and when it
+// was sent (and for the wait, what became of it), in text and in JSON.
+TEST(ConsoleWaitTest, ErrorsAndTimeOutsNameTheirRequest) {
+    Sandbox sb;
+    const std::string commands = "acc plug 3; wait VER 8000; acc silent +BAT; query bat; wait BAT 1000";
+    const Ran text = run_console("--sim -c 'setprop net.bluetooth.macaddr 11:22:33:44:55:66; " + commands + "'");
+    EXPECT_EQ(text.status, 3) << text.err;
+    const std::string sent = R"(the request AT\+BAT\?#100&1, sent at \d+\.\d{3} s)";
+    EXPECT_TRUE(std::regex_search(text.out, std::regex(R"(msg   ERROR \(msg_id 24\) seq 100: -110 ETIMEDOUT [^\n]*; )" + sent + "\n")))
+        << text.out;
+    EXPECT_TRUE(std::regex_search(text.err, std::regex(R"(timed out waiting for BAT \(1000 ms from \d+\.\d{3} s\); )" + sent +
+                                                       R"(, ended with ERROR seq 100: -110 at \d+\.\d{3} s)")))
+        << text.err;
+    const Ran json = run_console("--sim --json -c 'setprop net.bluetooth.macaddr 11:22:33:44:55:66; " + commands + "'");
+    EXPECT_TRUE(std::regex_search(json.out, std::regex(R"("name":"ERROR","seq_num":100,.*"request":\{"line":"AT\+BAT\?#100&1","sent":[0-9.]+\}\})")))
+        << json.out;
+    EXPECT_TRUE(std::regex_search(json.out, std::regex(R"("event":"result","command":"wait","ok":false,"exit_code":3,.*"line":"wait BAT 1000","started":[0-9.]+\})")))
+        << json.out;
+}
+
+// Without --sim and without ATCMD_ROOT the console says, before anything opens, that the module
+// would use the real paths, and off a phone goes on only with --real-paths.
+TEST(ConsoleRealPathsTest, WithoutASandboxItNamesTheRealPathsAndAsksBeforeOpening) {
+    Sandbox sb;
+    const Ran r = run_console("-c status", "env -u ATCMD_ROOT ");
+    EXPECT_EQ(r.status, 2) << r.out << r.err;
+    for (const char *says : {"the module will use the real paths: /dev", "/sys/class/tty", "/sdcard/quorvanta/.log",
+                             "add --real-paths to go on"}) {
+        EXPECT_NE(r.err.find(says), std::string::npos) << says << "\n" << r.err;
+    }
+    EXPECT_EQ(r.out.find("module \"atcmdprocess\""), std::string::npos) << "the module was opened: " << r.out;
 }

@@ -123,3 +123,105 @@ TEST(ReplayLog, AnAnswerLoggedBeforeItsQueryWaitsForTheQuery) {
     ASSERT_EQ(w.expected.size(), 2u);
     EXPECT_EQ(w.inputs[0].anchor, 1);
 }
+
+namespace {
+
+constexpr const char kSent[] =
+    "[100.1500][tid:5]atcmder_Tx_thread:161: atcmder_Tx_thread send cmd success,dest is 3, mode is 0, cmd is AT+TYPE?#15&1\r\n";
+constexpr const char kParsedLine[] =
+    "[100.2050][tid:9]cmd_Parse_from_buffer:190: Get one line cmd: idx is 15 ,  seq num is 15, flag is 1, cmd is +TYPE=KV4410C#15&1";
+
+World world_of(const std::string &text) {
+    ParsedLog log = parse(text);
+    log.runs.push_back({0, log.entries.size()});
+    return rebuild_world(log, log.runs[0]);
+}
+
+// Plays the desk's outputs through the matcher as the player does, with every output in reach.
+Divergence compare(const World &w, const std::vector<Output> &desk_outputs) {
+    DeskRun desk;
+    desk.outputs = desk_outputs;
+    Matcher *m = matcher_create(w.expected);
+    desk.matched_by.assign(w.expected.size(), -1);
+    for (size_t j = 0; j < desk.outputs.size(); ++j) {
+        const int i = matcher_add(m, desk.outputs[j], static_cast<int>(w.expected.size()) - 1);
+        if (i >= 0) desk.matched_by[static_cast<size_t>(i)] = static_cast<int>(j);
+    }
+    matcher_destroy(m);
+    return first_divergence(w, desk);
+}
+
+Output desk_output(OutputKind kind, const std::string &key) {
+    Output o;
+    o.kind = kind;
+    o.key = key;
+    return o;
+}
+
+}  // namespace
+
+// The file's end: a prefix cut short is dropped with a note and leaves the message before it
+// whole; a chunk cut at the end says the log ends inside it.
+TEST(ReplayLog, AFileThatEndsInsideAMessageSaysSo) {
+    const ParsedLog prefix = parse(std::string(kOpen) + kSent + "[100.16");
+    ASSERT_EQ(prefix.entries.size(), 2u);
+    EXPECT_TRUE(noted(prefix, "the log ends inside a message's prefix (\"[100.16\")"));
+    EXPECT_EQ(prefix.entries[1].text.back(), '\n');
+    const ParsedLog chunk = parse(std::string(kOpen) + std::string(kAnswer).substr(0, 100));
+    EXPECT_TRUE(noted(chunk, "the log ends inside this message: a received chunk holds"));
+}
+
+// What the desk does after the log's last message is counted, not compared; the file's last
+// message, cut off, matches the desk's output it begins; a line parsed that no bytes received
+// carry shows lines missing, named at its line, ahead of what the desk did instead.
+TEST(ReplayCompare, TheLogsEndCutOffEndAndMissingLinesAreNotDivergences) {
+    const World whole = world_of(std::string(kOpen) + kSent);
+    ASSERT_EQ(whole.expected.size(), 1u);
+    const Output sent = whole.expected[0];
+    const Output resend = desk_output(OutputKind::Resent, "resent: Re-send timeout cmd: 15 times: 1 data: AT+TYPE?#15&1");
+    const Divergence end = compare(whole, {sent, resend, resend});
+    EXPECT_FALSE(end.found);
+    EXPECT_EQ(end.went_on, 2u);
+    EXPECT_EQ(end.damage, Damage::None);
+
+    const std::string sent_cut = std::string(kSent).substr(0, std::string(kSent).find("TYPE?"));
+    const World cut = world_of(std::string(kOpen) + sent_cut);
+    ASSERT_EQ(cut.expected.size(), 1u);
+    const Divergence d = compare(cut, {sent});
+    EXPECT_FALSE(d.found);
+    ASSERT_EQ(d.cut.size(), 1u);
+    EXPECT_NE(d.cut[0].find("the log ends inside a message at line 1"), std::string::npos) << d.cut[0];
+
+    const World missing = world_of(std::string(kOpen) + kSent + kParsedLine);
+    ASSERT_EQ(missing.expected.size(), 2u);
+    EXPECT_NE(missing.expected[1].unexplained.find("no bytes received that carry it"), std::string::npos);
+    const Divergence m = compare(missing, {sent, resend});
+    ASSERT_TRUE(m.found);
+    EXPECT_EQ(m.damage, Damage::LinesMissing);
+    EXPECT_EQ(m.log_line, 2u);
+    EXPECT_NE(m.damage_text.find("lines are missing from the log before line 2"), std::string::npos) << m.damage_text;
+}
+
+// The module's own threads race at a plug (the USB pair told against the +USBSTATE answer
+// parsed; an unplug during the interrogation): a difference there names the race.
+TEST(ReplayCompare, ADifferenceWhereTheModulesThreadsRaceAtAPlugNamesTheRace) {
+    const std::string plug = "[100.1000][tid:4]dev_event_process:77: New file ttyACM3 created.";
+    const std::string told = "[100.1200][tid:6]notify_usbevent:40: Notify usb evt 1 0";
+    const std::string unplug = "[100.3000][tid:4]dev_event_process:82: File ttyACM3 deleted.";
+    const struct {
+        std::string log;
+        const char *names;
+    } cases[] = {
+        {std::string(kOpen) + plug + told, "the supervisor tells the USB pair"},
+        {std::string(kOpen) + plug + told + unplug, "during the start-up interrogation"},
+    };
+    for (const auto &c : cases) {
+        const World w = world_of(c.log);
+        ASSERT_EQ(w.expected.size(), 1u) << c.names;
+        Output desk = w.expected[0];
+        desk.key.back() = '1';
+        const Divergence d = compare(w, {desk});
+        ASSERT_TRUE(d.found) << c.names;
+        EXPECT_NE(d.explained.find(c.names), std::string::npos) << d.explained;
+    }
+}

@@ -269,7 +269,8 @@ TEST(TraceTest, ATraceCutShortByASignalIsStillValid) {
     for (int sig : {SIGINT, SIGTERM, SIGKILL}) {
         Sandbox sb;
         const pid_t pid = start_console(sb, "--sim", "acc plug 3; wait VER 8000; acc silent +SN; query sn; sleep 20000");
-        ASSERT_TRUE(wait_until([&] { return read_file(sb.path("/t.json")).find("\"resend\"") != std::string::npos; }, 10000));
+        // The query's own resend (a slow run may resend the interrogation's queries as well).
+        ASSERT_TRUE(wait_until([&] { return read_file(sb.path("/t.json")).find("{\"seq\":100,\"resend\"") != std::string::npos; }, 10000));
         kill(pid, sig);
         const int status = finish(pid);
         EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == sig) << status;
@@ -447,15 +448,18 @@ TEST_P(ReplayEndToEndTest, TheConsolesLogReplaysWithNoDivergence) {
     const std::string commands = std::string("setprop net.bluetooth.macaddr 11:22:33:44:55:66; ") + GetParam().commands;
     const std::string out = run_console("--sim -c '" + commands + "'", "");
     ASSERT_EQ(out.find("error:"), std::string::npos) << out;
-    const std::string log = sb.log_path(), desk = sb.path("/desk"), trace = sb.path("/phone.json");
-    atcmd_tools::make_dirs(desk);
-    const std::string replay = "ATCMD_ROOT='" + desk + "' " ATCMD_TOOL_RUNNER "'" ATCMD_BIN_DIR "/atcmd_replay' ";
-    // The one divergence allowed: an extra resend on the desk, when a loaded machine (or an
-    // emulator) played an answer later than the module's resend timer.
+    const std::string log = sb.log_path(), trace = sb.path("/phone.json");
+    const std::string replay = ATCMD_TOOL_RUNNER "'" ATCMD_BIN_DIR "/atcmd_replay' ";
+    // The divergences allowed: a resend on the desk where the phone had none, when a loaded
+    // machine (or an emulator) played an answer later than the module's resend timer; and the USB pair told at
+    // a plug, which races the accessory's +USBSTATE answer inside the module, named as such.
     const std::string report = run("{ " + replay + "--speed 10 '" + log + "'; echo \"exit $?\"; }", 0);
     const bool same = report.find("\nno divergence: ") != std::string::npos && report.find("\nexit 0") != std::string::npos;
-    const bool late = report.find("  the desk: a resend: ") != std::string::npos && report.find("\nexit 1") != std::string::npos;
-    EXPECT_TRUE(same || late) << report;
+    const bool diverged = report.find("\nexit 1") != std::string::npos;
+    const bool late = diverged && (report.find("  the desk: a resend: ") != std::string::npos ||
+                                   report.find("  the desk: resent: ") != std::string::npos);
+    const bool usb_race = diverged && report.find("the supervisor tells the USB pair after queueing") != std::string::npos;
+    EXPECT_TRUE(same || late || usb_race) << report;
     run(replay + "--to-trace '" + trace + "' '" + log + "'", 0);
     EXPECT_TRUE(valid_json(trace)) << read_file(trace);
 }
@@ -472,3 +476,107 @@ const ReplayCase kReplayCases[] = {
 
 INSTANTIATE_TEST_SUITE_P(Logs, ReplayEndToEndTest, testing::ValuesIn(kReplayCases),
                          [](const testing::TestParamInfo<ReplayCase> &info) { return std::string(info.param.name); });
+
+namespace {
+
+// The console's log of an interrogation and a query the accessory leaves unanswered, as lines.
+std::vector<std::string> logged_lines(const Sandbox &sb) {
+    run_console("--sim -c 'setprop net.bluetooth.macaddr 11:22:33:44:55:66; acc plug 3; wait VER 8000; "
+                "acc silent +SN; query sn; wait ERROR=-110 5000'", "");
+    std::vector<std::string> lines;
+    std::istringstream in(read_file(sb.log_path()));
+    for (std::string line; std::getline(in, line);) lines.push_back(line);
+    return lines;
+}
+
+// The index of the first line holding every one of `words`, after `from`.
+size_t line_with(const std::vector<std::string> &lines, const std::vector<std::string> &words, size_t from = 0) {
+    for (size_t i = from; i < lines.size(); ++i) {
+        if (std::all_of(words.begin(), words.end(), [&](const std::string &w) { return lines[i].find(w) != std::string::npos; })) {
+            return i;
+        }
+    }
+    ADD_FAILURE() << "no line with " << words[0];
+    return 0;
+}
+
+std::string joined(const std::vector<std::string> &lines, size_t from, size_t to) {
+    std::string out;
+    for (size_t i = from; i < to && i < lines.size(); ++i) out += lines[i] + "\n";
+    return out;
+}
+
+std::string replay_tool() { return ATCMD_TOOL_RUNNER "'" ATCMD_BIN_DIR "/atcmd_replay' "; }
+
+// The "sandbox: PATH" the replay names.
+std::string replay_sandbox(const std::string &report) {
+    std::smatch m;
+    return std::regex_search(report, m, std::regex("\nsandbox: (/tmp/atcmd-replay-[A-Za-z0-9]+) ")) ? m[1].str() : "";
+}
+
+}  // namespace
+
+// Logs as they come from the field: taken while the module still ran, cut off inside a message
+// or its prefix, lines taken out of the middle. The end of the log ends the comparison; damage
+// is named as damage, at its line.
+TEST(ReplayDamagedLogTest, TheLogsEndACutMessageAndMissingLinesAreNamedAtTheirLine) {
+    Sandbox sb;
+    const std::vector<std::string> lines = logged_lines(sb);
+    ASSERT_GT(lines.size(), 20u);
+    const size_t sent = line_with(lines, {"send cmd success", "cmd is AT+SN?#100&1"});
+    const size_t chunk = line_with(lines, {"receive data is +SN=SN20260001#13&1"});
+    const size_t parsed = line_with(lines, {"cmd_Parse_from_buffer", "cmd is +SN=SN20260001#13&1"}, chunk + 1);
+    const std::string cut_at = "cmd is AT+S";
+    const std::string in_text = lines[sent].substr(0, lines[sent].find(cut_at) + cut_at.size());
+    const std::string head = joined(lines, 0, sent + 1);
+    const struct {
+        const char *name;
+        std::string text;
+        int status;
+        std::string says;
+    } cases[] = {
+        {"taken while the module ran", head, 0,
+         "the log ends at line " + std::to_string(sent + 1) + " (time stamp "},
+        {"cut inside a message", joined(lines, 0, sent) + in_text, 0,
+         "the log ends inside a message at line " + std::to_string(sent + 1) + ": it stops at \"sent: dest is 3, mode is 0, " + cut_at + "\""},
+        {"cut inside a prefix", head + lines[sent + 1].substr(0, 12), 0,
+         "log line " + std::to_string(sent + 2) + ": the log ends inside a message's prefix"},
+        {"a line taken out", joined(lines, 0, chunk) + joined(lines, chunk + 1, lines.size()), 3,
+         "lines are missing from the log before line " + std::to_string(parsed) + ": the module parsed \"+SN=SN20260001#13&1\""},
+    };
+    for (const auto &c : cases) {
+        write_text_file(sb.path("/case.log"), c.text);
+        const std::string report = run("{ " + replay_tool() + "--patience 2000 '" + sb.path("/case.log") + "'; echo \"exit $?\"; }", 0);
+        EXPECT_NE(report.find(c.says), std::string::npos) << c.name << "\n" << report;
+        EXPECT_NE(report.find("\nexit " + std::to_string(c.status)), std::string::npos) << c.name << "\n" << report;
+        EXPECT_EQ(report.find("first divergence"), std::string::npos) << c.name << "\n" << report;
+        if (c.status == 0) {
+            EXPECT_TRUE(std::regex_search(report, std::regex("\nno divergence: .*\nthe log ends at line \\d+ \\(time stamp \\d+\\.\\d+, "
+                                                             "[0-9.]+ s into the run\\); the desk went on: [1-9]\\d* outputs? not compared\n")))
+                << c.name << "\n" << report;
+        }
+    }
+}
+
+// With ATCMD_ROOT exported to the sandbox whose log it reads, the replay leaves that log as it
+// was, byte for byte, and removes its own sandbox at exit; --keep keeps it and says where.
+TEST(ReplaySandboxTest, TheLogReadIsNeverWrittenAndNoSandboxIsLeftWithoutKeep) {
+    Sandbox sb;  // exports ATCMD_ROOT
+    run_console("--sim -c 'setprop net.bluetooth.macaddr 11:22:33:44:55:66; acc plug 3; wait VER 8000'", "");
+    const std::string before = read_file(sb.log_path());
+    ASSERT_FALSE(before.empty());
+    const std::string report = run(replay_tool() + "'" + sb.log_path() + "'", 0);
+    EXPECT_EQ(read_file(sb.log_path()), before) << "the replay wrote into the log it read";
+    EXPECT_NE(report.find("ATCMD_ROOT=" + sb.root() + " is not used"), std::string::npos) << report;
+    const std::string used = replay_sandbox(report);
+    ASSERT_FALSE(used.empty()) << report;
+    EXPECT_FALSE(exists(used)) << "left behind: " << used;
+
+    const std::string kept_report = run(replay_tool() + "--keep '" + sb.log_path() + "'", 0);
+    const std::string kept = replay_sandbox(kept_report);
+    ASSERT_FALSE(kept.empty()) << kept_report;
+    EXPECT_NE(kept_report.find("sandbox kept: " + kept + "\n"), std::string::npos) << kept_report;
+    EXPECT_TRUE(exists(kept + "/sdcard/quorvanta/.log/atcmdprocess")) << kept_report;
+    EXPECT_EQ(read_file(sb.log_path()), before);
+    run("rm -rf '" + kept + "'", 0);
+}

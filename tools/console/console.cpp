@@ -1,7 +1,7 @@
 /*
- * The console's state and commands: the loaded module, the decoded messages (with a cursor per
- * message kind for "wait"), the simulators, and the command table with each command's argument
- * check. Commands run on the main thread; the callback on the module's threads; the simulators'
+ * The console's state and commands: the loaded module, the decoded messages (with where the
+ * next "wait" looks from), the requests it handed over (what an ERROR or a time-out belongs to),
+ * the simulators, and the command table with each command's argument check. Commands run on the main thread; the callback on the module's threads; the simulators'
  * observers on theirs; the log watch on its own. Every line printed goes through emit().
  */
 #include "console/console.h"
@@ -58,11 +58,22 @@ struct ConsoleState {
     std::mutex out_mu;  // guards the output streams; taken last, after any simulator's mutex
     void (*sink)(FILE *, const std::string &) = nullptr;  // set before the first command
 
-    std::mutex msg_mu;  // guards messages and cursors
+    std::mutex msg_mu;  // guards messages, arrived_at, wait_from and requests
     std::condition_variable msg_arrived;
     std::vector<DecodedMessage> messages;
-    std::map<int, size_t> cursors;  // per msg_id: messages before this index are consumed
-    size_t mark = 0;                // messages before the last action are not waited for
+    std::vector<double> arrived_at;  // per message: seconds since start
+    // A wait looks at messages from here on: those after the last action (which may bring its
+    // answer before the wait starts) and after the message the last wait met.
+    size_t wait_from = 0;
+    // The requests this console handed over, by sequence number: what an ERROR or a time-out
+    // belongs to.
+    struct Request {
+        std::string line;
+        double sent = 0;
+        std::string ended;  // "ERROR seq 100: -110 at 1.234 s", or "" while unanswered
+    };
+    std::map<uint16_t, Request> requests;
+    uint16_t last_seq = 0;  // the last request handed over
 
     AccSim *acc = nullptr;
     DaemonSim *daemon = nullptr;
@@ -129,14 +140,45 @@ std::string plain_value(const DecodedMessage &m) {
     return out;
 }
 
+std::string seconds_text(double at) {
+    char buf[32];
+    snprintf(buf, sizeof buf, "%.3f s", at);
+    return buf;
+}
+
+// The request an ERROR message answers, as text and as a JSON field; both empty for other
+// messages. The module's own queries (its start-up interrogation) carry their keyword's row,
+// which is the message id, as sequence number.
+void request_of(const DecodedMessage &m, double now, std::string *text, std::string *json) {
+    if (m.msg_id != AT_MSG_ERROR) return;
+    std::lock_guard<std::mutex> lock(g.msg_mu);
+    const auto it = g.requests.find(m.seq_num);
+    if (it == g.requests.end()) {
+        *text = m.seq_num < AT_MSG_COUNT && m.seq_num != 0
+                    ? std::string("; not a request of this console: the module's own ") + message_name(m.seq_num) +
+                          " query (its sequence number is the keyword's row)"
+                    : "; no request of this console carries this sequence number";
+        *json = ",\"request\":null";
+        return;
+    }
+    it->second.ended = "ERROR seq " + std::to_string(m.seq_num) + ": " + plain_value(m) + " at " + seconds_text(now);
+    *text = "; the request " + it->second.line + ", sent at " + seconds_text(it->second.sent);
+    *json = ",\"request\":{" + jstr("line", it->second.line) + ",\"sent\":" + std::to_string(it->second.sent) + "}";
+}
+
 void on_message(const AT_CMD_CbMsg_t *msg) {
     const DecodedMessage m = decode_message(msg);
+    const double now = seconds();
+    std::string request, request_json;
+    request_of(m, now, &request, &request_json);
     // Printed before a "wait" can see it, so that a script ending on that wait shows it.
-    emit("msg   " + message_text(m), message_json(m));
+    const std::string json = message_json(m);
+    emit("msg   " + message_text(m) + request, json.substr(0, json.size() - 1) + request_json + "}");
     if (g.tracing) timeline_callback(m);
     log_watch_message(m);
     std::lock_guard<std::mutex> lock(g.msg_mu);
     g.messages.push_back(m);
+    g.arrived_at.push_back(now);
     g.msg_arrived.notify_all();
 }
 
@@ -229,9 +271,14 @@ Outcome send_line(std::string line) {
     AtCmder_t cmd = {};
     const bool known = record_from_line(line, &cmd);
     cmd.data = buf;
+    const std::string shown = trim_line_end(line);
+    if (cmd.seq_num != 0) {
+        std::lock_guard<std::mutex> lock(g.msg_mu);
+        g.requests[cmd.seq_num] = {shown, seconds(), ""};
+        g.last_seq = cmd.seq_num;
+    }
     if (g.tracing) timeline_request_handed(line, link_load(g.module.dev->system_status.mode));
     g.module.dev->atcmdprocess_cmd_from_hidl(&cmd);
-    const std::string shown = trim_line_end(line);
     // A keyword outside the table is sent all the same (a raw line is the person's choice), with
     // cmd_id 0, and said so.
     return ok("sent " + shown + " (type " + std::to_string(cmd.type) + ", cmd_id " + std::to_string(cmd.cmd_id) +
@@ -393,29 +440,74 @@ Outcome cmd_dsim(const Words &w) {
     return from_simulator(daemon_command(g.daemon, Words(w.begin() + 1, w.end())));
 }
 
-// Waits for the next message of a kind (optionally with a value) after the last one waited for.
-Outcome cmd_wait(const Words &w) {
+// The request a wait for `id` is about: the last one this console sent for that keyword (for
+// ERROR: the last one sent), with what became of it; "" when there is none.
+std::string request_for(int id) {
+    std::lock_guard<std::mutex> lock(g.msg_mu);
+    const ConsoleState::Request *found = nullptr;
+    double latest = -1;
+    const std::string head = std::string("AT+") + message_name(static_cast<uint16_t>(id));
+    for (const auto &r : g.requests) {
+        const bool same = id == AT_MSG_ERROR ? r.first == g.last_seq
+                                             : r.second.line.compare(0, head.size(), head) == 0 &&
+                                                   head.size() < r.second.line.size() &&
+                                                   strchr("?=#", r.second.line[head.size()]) != nullptr;
+        if (same && r.second.sent > latest) {
+            found = &r.second;
+            latest = r.second.sent;
+        }
+    }
+    if (found == nullptr) {
+        return id == AT_MSG_ERROR ? "" : std::string("; this console sent no request for ") + message_name(static_cast<uint16_t>(id));
+    }
+    return "; the request " + found->line + ", sent at " + seconds_text(found->sent) +
+           (found->ended.empty() ? ", has no answer yet" : ", ended with " + found->ended);
+}
+
+// Waits for the next message of a kind (optionally with a value): one that arrives after the
+// last action and after the message the last wait met. With --seen, the last such message
+// that already came is taken too, and the result says when it came.
+Outcome cmd_wait(const Words &given) {
+    Words w = given;
+    const bool seen_ok = w.size() > 1 && w[1] == "--seen";
+    if (seen_ok) w.erase(w.begin() + 1);
+    if (w.size() < 2 || w.size() > 3) return bad_args();
     const size_t eq = w[1].find('=');
     const int id = message_id(w[1].substr(0, eq));
     if (id < 0) return bad_args("no message named \"" + w[1].substr(0, eq) + "\"; names: " + message_names());
     int ms = 0;
     if (!parse_ms(w, 2, &ms)) return bad_args("\"" + w[2] + "\" is not a number of milliseconds");
     const std::string value = eq == std::string::npos ? "" : w[1].substr(eq + 1);
+    const auto matches = [&](const DecodedMessage &m) {
+        return m.msg_id == id && (eq == std::string::npos || plain_value(m) == value);
+    };
+    const double started = seconds();
+    if (seen_ok) {
+        std::lock_guard<std::mutex> lock(g.msg_mu);
+        for (size_t i = g.messages.size(); i-- > 0;) {
+            if (!matches(g.messages[i])) continue;
+            g.wait_from = std::max(g.wait_from, i + 1);
+            return ok(g.messages[i].name + " seq " + std::to_string(g.messages[i].seq_num) + " came at " +
+                          seconds_text(g.arrived_at[i]) + ", before this wait (" + seconds_text(started) + ")",
+                      "\"seen_at\":" + std::to_string(g.arrived_at[i]));
+        }
+    }
     const auto seen = [&] {
-        for (size_t i = std::max(g.cursors[id], g.mark); i < g.messages.size(); ++i) {
-            const DecodedMessage &m = g.messages[i];
-            if (m.msg_id == id && (eq == std::string::npos || plain_value(m) == value)) {
-                g.cursors[id] = i + 1;
+        for (size_t i = g.wait_from; i < g.messages.size(); ++i) {
+            if (matches(g.messages[i])) {
+                g.wait_from = i + 1;
                 return true;
             }
         }
         return false;
     };
-    return wait_outcome(wait_for(ms, [&](int slice) {
-                            std::unique_lock<std::mutex> lock(g.msg_mu);
-                            return g.msg_arrived.wait_for(lock, std::chrono::milliseconds(slice), seen);
-                        }),
-                        w[1]);
+    const WaitEnd end = wait_for(ms, [&](int slice) {
+        std::unique_lock<std::mutex> lock(g.msg_mu);
+        return g.msg_arrived.wait_for(lock, std::chrono::milliseconds(slice), seen);
+    });
+    if (end == WaitEnd::Met) return ok();
+    const std::string what = w[1] + " (" + std::to_string(ms) + " ms from " + seconds_text(started) + ")" + request_for(id);
+    return wait_outcome(end, what);
 }
 
 Outcome cmd_wait_acc(const Words &w) {
@@ -558,7 +650,8 @@ constexpr ConsoleCommand kCommands[] = {
      "acc"},
     {"dsim", "dsim COMMAND              daemon simulator (dsim help lists)", cmd_dsim, true, 1, kAnyArgs,
      "dsim"},
-    {"wait", "wait NAME[=VALUE] [MS]    wait for the next message of a kind", cmd_wait, false, 1, 2, "messages"},
+    {"wait", "wait [--seen] NAME[=VALUE] [MS]  wait for the next message of a kind (--seen: or the last already come)",
+     cmd_wait, false, 1, 3, "messages"},
     {"wait-acc", "wait-acc TEXT [MS]        wait until the accessory receives a line with TEXT", cmd_wait_acc, false,
      1, 2, ""},
     {"wait-log", "wait-log MS TEXT          wait until the module logs TEXT again", cmd_wait_log, false, 2, kAnyArgs, ""},
@@ -588,7 +681,7 @@ std::string command_names() {
 void mark_step() {
     {
         std::lock_guard<std::mutex> lock(g.msg_mu);
-        g.mark = g.messages.size();
+        g.wait_from = g.messages.size();
     }
     if (g.acc != nullptr) g.acc_mark = acc_sim_received(g.acc).size();
 }
@@ -659,13 +752,16 @@ int console_run(const std::string &line) {
     if (g.options.echo_commands && words[0] != "echo") {
         emit("> " + rest_of(words, 0), json_event("command", jstr("text", rest_of(words, 0))));
     }
+    const double started = seconds();
     const Outcome r = run_command(words);
     if (r.code != kExitOk && g.first_failure == kExitOk) g.first_failure = r.code;
     if (r.code != kExitOk || !r.text.empty() || !r.fields.empty()) {
         emit((r.code == kExitOk ? "" : "error: ") + r.text,
              json_event("result", jstr("command", words[0]) + ",\"ok\":" + (r.code == kExitOk ? "true" : "false") +
                                       "," + jnum("exit_code", r.code) + "," + jstr("text", r.text) +
-                                      (r.fields.empty() ? "" : "," + r.fields)),
+                                      (r.fields.empty() ? "" : "," + r.fields) +
+                                      (r.code == kExitOk ? "" : "," + jstr("line", rest_of(words, 0)) +
+                                                                    ",\"started\":" + std::to_string(started))),
              r.code != kExitOk);
     }
     return r.code;

@@ -35,8 +35,8 @@ void usage(FILE *out) {
             "usage: atcmd_console [options] [SCRIPT|-]\n"
             "Loads atcmdprocess.default.so as the platform does, opens it, prints every notify\n"
             "message decoded and runs commands: interactively (line editing, Tab, history), from\n"
-            "SCRIPT (- for standard input), or from -c. With ATCMD_ROOT unset the module drives\n"
-            "the real /dev (a real accessory on a Linux PC).\n\n"
+            "SCRIPT (- for standard input), or from -c. With ATCMD_ROOT unset and no --sim the\n"
+            "module uses the real paths; off a phone that needs --real-paths.\n\n"
             "options:\n"
             "  --module FILE   the module file (default: $ATCMD_HAL_PATH, ../hw beside this tool,\n"
             "                  then the platform's hw directories)\n"
@@ -54,6 +54,8 @@ void usage(FILE *out) {
             "                  under valgrind); sleeps and the module's own timers are unchanged\n"
             "  --module-output keep the module's own prints (standard output and error); by\n"
             "                  default they are dropped: the module's log file holds them all\n"
+            "  --real-paths    without --sim and ATCMD_ROOT, on a machine that is not a phone: go\n"
+            "                  on with the real /dev, /sys and log directory (a real accessory)\n"
             "  -c COMMANDS     run COMMANDS (separated by ';') and leave\n"
             "  --version       the version\n"
             "  --help          this text\n\n"
@@ -169,6 +171,29 @@ bool claim_sandbox(bool simulators) {
     return true;
 }
 
+// Without a sandbox the module uses the paths of the machine itself: says so before it opens,
+// and off a phone asks for --real-paths, since the module makes its log directory at / and
+// takes any ttyACM port it finds.
+bool confirm_real_paths(bool simulators, bool real_paths) {
+    const char *root = getenv("ATCMD_ROOT");
+    if (simulators || (root != nullptr && root[0] != '\0')) return true;
+#if defined(__BIONIC__)
+    const bool phone = true;
+#else
+    const bool phone = access("/system/build.prop", F_OK) == 0;
+#endif
+    fprintf(stderr,
+            "atcmd_console: no sandbox (neither --sim nor ATCMD_ROOT): the module will use the real paths: /dev "
+            "(ttyACM ports, /dev/ttyS4, the Wi-Fi FIFOs /dev/fifo_tx, /dev/fifo_rx, /dev/fifo_cmd), /sys/class/tty, "
+            "and the log directory /sdcard/quorvanta/.log (made if missing)%s\n",
+            phone ? "" : "; properties are files under /tmp/atcmdprocess/property");
+    if (phone || real_paths) return true;
+    fprintf(stderr,
+            "atcmd_console: this machine is not a phone: add --real-paths to go on with those paths (a real accessory "
+            "on this machine), or use --sim, or set ATCMD_ROOT to a sandbox directory\n");
+    return false;
+}
+
 // Runs the lines one by one; with --stop-on-error the first failure ends the run.
 void run_lines(std::istream &in, char separator, bool stop_on_error) {
     for (std::string line; std::getline(in, line, separator);) {
@@ -179,7 +204,7 @@ void run_lines(std::istream &in, char separator, bool stop_on_error) {
 }  // namespace
 
 int main(int argc, char **argv) {
-    enum { kKeep = 256, kStop, kVersion };
+    enum { kKeep = 256, kStop, kVersion, kRealPaths };
     static const struct option kOptions[] = {
         {"module", required_argument, nullptr, 'm'},    {"sim", no_argument, nullptr, 's'},
         {"json", no_argument, nullptr, 'j'},            {"echo", no_argument, nullptr, 'e'},
@@ -187,10 +212,10 @@ int main(int argc, char **argv) {
         {"log-level", required_argument, nullptr, 'l'}, {"wait-scale", required_argument, nullptr, 'w'},
         {"trace", required_argument, nullptr, 't'},     {"keep", no_argument, nullptr, kKeep},
         {"stop-on-error", no_argument, nullptr, kStop}, {"version", no_argument, nullptr, kVersion},
-        {nullptr, 0, nullptr, 0},
+        {"real-paths", no_argument, nullptr, kRealPaths}, {nullptr, 0, nullptr, 0},
     };
     ConsoleOptions options;
-    bool module_output = false, stop_on_error = false;
+    bool module_output = false, stop_on_error = false, real_paths = false;
     std::vector<std::string> commands;
     opterr = 0;  // refuse() says what was wrong, once
     for (int c; (c = getopt_long(argc, argv, ":c:h", kOptions, nullptr)) != -1;) {
@@ -206,6 +231,7 @@ int main(int argc, char **argv) {
         case 't': options.trace = optarg; break;
         case kKeep: g_keep = true; break;
         case kStop: stop_on_error = true; break;
+        case kRealPaths: real_paths = true; break;
         case kVersion: printf("atcmd_console %s\n", ATCMD_TOOLS_VERSION); return kExitOk;
         case 'h': usage(stdout); return kExitOk;
         case ':': refuse(std::string(argv[optind - 1]) + " needs a value");
@@ -217,6 +243,7 @@ int main(int argc, char **argv) {
     const std::string script = script_path.empty() ? "" : read_script(script_path);
     const bool interactive = script_path.empty() && commands.empty() && isatty(STDIN_FILENO);
 
+    if (!confirm_real_paths(options.simulators, real_paths)) return kExitUsage;
     if (options.simulators && !make_sandbox()) {
         fprintf(stderr, "atcmd_console: cannot make the sandbox: %s\n", strerror(errno));
         return kExitFailed;

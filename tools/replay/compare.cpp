@@ -16,13 +16,23 @@ struct Matcher {
     std::map<std::string, std::deque<int>> waiting;  // unmatched expected outputs by text
     std::vector<bool> done;
     size_t left = 0;
+    // The file's last message, when it is an output: the file may end inside it, so a desk
+    // output that begins with its text matches it.
+    int last = -1;
+    std::string last_key;
 };
 
 Matcher *matcher_create(const std::vector<Output> &expected) {
     auto *m = new Matcher;
     m->done.assign(expected.size(), false);
     m->left = expected.size();
-    for (size_t i = 0; i < expected.size(); ++i) m->waiting[expected[i].key].push_back(static_cast<int>(i));
+    for (size_t i = 0; i < expected.size(); ++i) {
+        m->waiting[expected[i].key].push_back(static_cast<int>(i));
+        if (expected[i].at_file_end) {
+            m->last = static_cast<int>(i);
+            m->last_key = expected[i].key;
+        }
+    }
     return m;
 }
 
@@ -55,6 +65,15 @@ bool pair_off(Matcher *m, const std::string &key, int limit) {
 
 int matcher_add(Matcher *m, const Output &desk, int limit) {
     auto it = m->waiting.find(desk.key);
+    if ((it == m->waiting.end() || it->second.empty()) && m->last >= 0 && !m->done[static_cast<size_t>(m->last)] &&
+        desk.key.size() > m->last_key.size() && desk.key.compare(0, m->last_key.size(), m->last_key) == 0) {
+        it = m->waiting.find(m->last_key);
+        auto at = std::find(it->second.begin(), it->second.end(), m->last);
+        if (at != it->second.end()) it->second.erase(at);
+        m->done[static_cast<size_t>(m->last)] = true;
+        m->left--;
+        return m->last;
+    }
     if (it == m->waiting.end() || it->second.empty()) {
         pair_off(m, desk.key, limit);
         return -1;
@@ -125,10 +144,60 @@ std::string race_before(const World &w, size_t line) {
            "), racing the module's own threads; the phone's winner need not be the desk's";
 }
 
+constexpr int64_t kInterrogationUs = 1000000;  // a plug's start-up interrogation is over by then
+
+// Two of the module's own threads that the log shows racing around a plug, with no input
+// between them to order them: named when the difference falls there.
+std::string module_race(const World &w, size_t line, int64_t time_us, const std::string &key) {
+    const Input *plug = nullptr;
+    for (const Input &in : w.inputs) {
+        if (in.line > line) break;
+        if (in.kind == InputKind::Plug) plug = &in;
+    }
+    if (plug == nullptr || time_us - plug->time_us > kInterrogationUs) return "";
+    for (const Input *in = plug + 1; in < w.inputs.data() + w.inputs.size(); ++in) {
+        if (in->kind == InputKind::Unplug && in->time_us - plug->time_us < kInterrogationUs) {
+            return "the unplug at log line " + std::to_string(in->line) + " came " +
+                   std::to_string((in->time_us - plug->time_us) / 1000) +
+                   " ms after the plug at log line " + std::to_string(plug->line) +
+                   ", during the start-up interrogation: the module handles it once the interrogation's queries are "
+                   "queued, racing its transmit thread for the last of them; the phone's winner need not be the desk's";
+        }
+    }
+    if (key.rfind("USB event: ", 0) == 0) {
+        return "the plug at log line " + std::to_string(plug->line) +
+               ": the supervisor tells the USB pair after queueing the interrogation, while the dispatch thread may "
+               "already have parsed the accessory's +USBSTATE answer, which sets the status; which comes first decides "
+               "the status told (-1 or the answer's), on the phone and on the desk alike";
+    }
+    return "";
+}
+
+// A note of the reader (another writer's bytes, a chunk cut off, a clock that jumps) on a line
+// from `after` (exclusive) to `upto`: the log is damaged just where the two sides part.
+const LogNote *damage_between(const World &w, size_t after, size_t upto) {
+    for (const LogNote &n : w.notes) {
+        if (n.line > after && n.line <= upto) return &n;
+    }
+    return nullptr;
+}
+
+// The line of the last expected output before index `i`, or 0.
+size_t line_before(const World &w, size_t i) { return i == 0 ? 0 : w.expected[i - 1].line; }
+
 }  // namespace
 
 Divergence first_divergence(const World &world, const DeskRun &desk) {
     Divergence d;
+    // The file's last message cut off: matched as far as the log goes.
+    for (size_t i = 0; i < world.expected.size(); ++i) {
+        const int by = desk.matched_by[i];
+        if (world.expected[i].at_file_end && by >= 0 && desk.outputs[static_cast<size_t>(by)].key != world.expected[i].key) {
+            d.cut.push_back("the log ends inside a message at line " + std::to_string(world.expected[i].line) +
+                            ": it stops at \"" + world.expected[i].key + "\", which the desk's \"" +
+                            desk.outputs[static_cast<size_t>(by)].key + "\" begins with; compared as far as it goes");
+        }
+    }
     // The earliest expected output the desk did not produce...
     size_t missing = world.expected.size();
     for (size_t i = 0; i < world.expected.size(); ++i) {
@@ -138,10 +207,19 @@ Divergence first_divergence(const World &world, const DeskRun &desk) {
         }
     }
     // ...and the earliest desk output the log does not hold, placed after the log line its
-    // predecessor on the desk matched.
+    // predecessor on the desk matched. Desk outputs after the last one that matched come after
+    // the log's end when the log holds nothing more: they are not compared.
     std::vector<bool> used(desk.outputs.size(), false);
+    size_t last_used = 0;
     for (int by : desk.matched_by) {
-        if (by >= 0) used[static_cast<size_t>(by)] = true;
+        if (by < 0) continue;
+        used[static_cast<size_t>(by)] = true;
+        last_used = std::max(last_used, static_cast<size_t>(by) + 1);
+    }
+    const bool have_missing = missing < world.expected.size();
+    const size_t compared = have_missing ? desk.outputs.size() : last_used;
+    if (!have_missing) {
+        for (size_t j = last_used; j < desk.outputs.size(); ++j) d.went_on++;
     }
     size_t extra = desk.outputs.size();
     size_t extra_after_line = 0;
@@ -150,7 +228,7 @@ Divergence first_divergence(const World &world, const DeskRun &desk) {
         if (desk.matched_by[i] >= 0) line_of_desk[static_cast<size_t>(desk.matched_by[i])] = world.expected[i].line;
     }
     size_t last_line = 0;
-    for (size_t j = 0; j < desk.outputs.size(); ++j) {
+    for (size_t j = 0; j < compared; ++j) {
         if (used[j]) {
             last_line = std::max(last_line, line_of_desk[j]);
         } else {
@@ -159,13 +237,14 @@ Divergence first_divergence(const World &world, const DeskRun &desk) {
             break;
         }
     }
-    const bool have_missing = missing < world.expected.size();
     const bool have_extra = extra < desk.outputs.size();
     if (!have_missing && !have_extra) return d;
+    d.went_on = 0;
     d.found = true;
     // A missing output and an extra one of the same kind are the two sides of one difference.
     const bool pair = have_missing && have_extra && head_of(world.expected[missing].key) == head_of(desk.outputs[extra].key);
-    if (have_missing && (!have_extra || pair || world.expected[missing].line <= extra_after_line + 1)) {
+    const bool lines_missing = have_missing && !world.expected[missing].unexplained.empty();
+    if (have_missing && (lines_missing || !have_extra || pair || world.expected[missing].line <= extra_after_line + 1)) {
         const Output &want = world.expected[missing];
         d.log_line = want.line;
         d.log_side = kind_name(want.kind) + std::string(": ") + want.key;
@@ -177,16 +256,40 @@ Divergence first_divergence(const World &world, const DeskRun &desk) {
                 break;
             }
         }
+        if (const LogNote *n = damage_between(world, line_before(world, missing), want.line)) {
+            d.damage = Damage::LogNote;
+            d.damage_text = "log line " + std::to_string(n->line) + ": " + n->text;
+        } else if (lines_missing) {
+            d.damage = Damage::LinesMissing;
+            d.damage_text = "lines are missing from the log before line " + std::to_string(want.line) + ": " + want.unexplained;
+        }
         d.explained = explain(world, want.key);
-        if (d.explained.empty() && !pair) d.explained = race_before(world, d.log_line);
+        if (d.explained.empty() && d.damage == Damage::None) d.explained = module_race(world, want.line, want.time_us, want.key);
+        if (d.explained.empty() && !pair && d.damage == Damage::None) d.explained = race_before(world, d.log_line);
         return d;
     }
     const Output &got = desk.outputs[extra];
     d.log_line = extra_after_line;
     d.log_side = "nothing like it after this line";
     d.desk_side = kind_name(got.kind) + std::string(": ") + got.key;
+    size_t next_line = world.end_line;
+    for (const Output &o : world.expected) {
+        if (o.line > extra_after_line) {
+            next_line = o.line;
+            break;
+        }
+    }
+    if (const LogNote *n = damage_between(world, extra_after_line, next_line)) {
+        d.damage = Damage::LogNote;
+        d.damage_text = "log line " + std::to_string(n->line) + ": " + n->text;
+    }
     d.explained = explain(world, got.key);
-    if (d.explained.empty()) d.explained = race_before(world, d.log_line);
+    int64_t at_us = world.origin_us;
+    for (const Output &o : world.expected) {
+        if (o.line <= extra_after_line) at_us = o.time_us;
+    }
+    if (d.explained.empty() && d.damage == Damage::None) d.explained = module_race(world, extra_after_line, at_us, got.key);
+    if (d.explained.empty() && d.damage == Damage::None) d.explained = race_before(world, d.log_line);
     return d;
 }
 

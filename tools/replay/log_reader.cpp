@@ -72,13 +72,6 @@ bool parse_prefix(const std::string &s, size_t at, Prefix *p) {
     return true;
 }
 
-size_t next_prefix(const std::string &s, size_t from, Prefix *p) {
-    for (size_t at = s.find('[', from); at != std::string::npos; at = s.find('[', at + 1)) {
-        if (parse_prefix(s, at, p)) return at;
-    }
-    return std::string::npos;
-}
-
 size_t count_lines(const std::string &s, size_t from, size_t to) {
     size_t n = 0;
     for (size_t i = from; i < to; ++i) n += s[i] == '\n';
@@ -86,6 +79,52 @@ size_t count_lines(const std::string &s, size_t from, size_t to) {
 }
 
 void note(ParsedLog *out, size_t line, const std::string &text) { out->notes.push_back({line, text}); }
+
+// Whether the bytes from `at` to the end are the beginning of a prefix that stops short: the
+// file ended while a message was being written.
+bool begins_prefix(const std::string &s, size_t at) {
+    enum Step { Lit, Num, Name };
+    const struct {
+        Step step;
+        const char *text;
+    } steps[] = {{Lit, "["}, {Num, ""}, {Lit, "."}, {Num, ""}, {Lit, "][tid:"}, {Num, ""},
+                 {Lit, "]"}, {Name, ""}, {Lit, ":"}, {Num, ""}, {Lit, ": "}};
+    size_t i = at;
+    for (const auto &st : steps) {
+        if (st.step == Lit) {
+            for (const char *c = st.text; *c != '\0'; ++c, ++i) {
+                if (i == s.size()) return true;
+                if (s[i] != *c) return false;
+            }
+            continue;
+        }
+        const size_t from = i;
+        while (i < s.size() && (st.step == Num ? isdigit(static_cast<unsigned char>(s[i])) != 0
+                                               : isalnum(static_cast<unsigned char>(s[i])) != 0 || s[i] == '_')) {
+            ++i;
+        }
+        if (i == s.size()) return true;
+        if (i == from) return false;
+    }
+    return false;  // a whole prefix: the reader takes it as a message
+}
+
+// The file's last message: a prefix cut short at its end is dropped with a note.
+void end_of_file(LogEntry *e, ParsedLog *out) {
+    e->at_file_end = true;
+    const size_t at = e->text.rfind('[');
+    if (at == std::string::npos || e->text.find('\n', at) != std::string::npos || !begins_prefix(e->text, at)) return;
+    note(out, e->line + count_lines(e->text, 0, at),
+         "the log ends inside a message's prefix (\"" + e->text.substr(at) + "\"); skipped");
+    e->text.resize(at);
+}
+
+size_t next_prefix(const std::string &s, size_t from, Prefix *p) {
+    for (size_t at = s.find('[', from); at != std::string::npos; at = s.find('[', at + 1)) {
+        if (parse_prefix(s, at, p)) return at;
+    }
+    return std::string::npos;
+}
 
 // A received chunk is exactly the length its message gives; bytes past it are not the module's,
 // fewer mean the message was cut off (or held a byte the print stopped at).
@@ -98,8 +137,9 @@ void trim_chunk(LogEntry *e, ParsedLog *out) {
         const size_t start = d + sizeof kChunkData - 1;
         const size_t have = e->text.size() - start;
         if (have < len) {
-            note(out, e->line, "a received chunk holds " + std::to_string(have) + " of its " +
-                                   std::to_string(len) + " bytes (cut off); skipped");
+            note(out, e->line, std::string(e->at_file_end ? "the log ends inside this message: " : "") +
+                                   "a received chunk holds " + std::to_string(have) + " of its " + std::to_string(len) +
+                                   " bytes (cut off); skipped");
             e->text.clear();
         } else if (have > len) {
             note(out, e->line, std::to_string(have - len) + " bytes after a received chunk are not the module's; skipped");
@@ -165,6 +205,7 @@ size_t split_log(const std::string &bytes, size_t first_line, bool at_end, Parse
         e.tid = p.tid;
         e.func = p.func;
         e.text = bytes.substr(p.end, stop - p.end);
+        if (following == std::string::npos) end_of_file(&e, out);
         trim_chunk(&e, out);
         out->entries.push_back(e);
         if (following == std::string::npos) return bytes.size();

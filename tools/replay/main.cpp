@@ -1,12 +1,17 @@
 /*
  * atcmd_replay: a log written by the module, replayed against the module on the desk and
- * compared, or drawn as a trace. Main thread: options, the sandbox, the report.
+ * compared, or drawn as a trace. Main thread: options, the sandbox, the report. The play runs
+ * in a child process (the module's threads live until their process ends); the parent waits
+ * for it and then removes the sandbox, so that nothing is written there once it is gone.
  */
 #include <errno.h>
 #include <fcntl.h>
+#include <ftw.h>
 #include <getopt.h>
+#include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <string>
@@ -22,6 +27,7 @@ namespace {
 constexpr int kSame = 0;
 constexpr int kDiverged = 1;
 constexpr int kCannot = 2;
+constexpr int kDamaged = 3;  // the desk parts from a damaged log: no verdict on the module
 constexpr long kMaxRun = 100000;            // runs in one file, far more than a log holds
 constexpr long kMaxPatienceMs = 3600000;    // an hour
 
@@ -53,9 +59,13 @@ void usage(FILE *out) {
             "  --to-trace FILE  write a timeline of the run with the phone's own times; no replay\n"
             "  --module FILE    the module file (default: the console's search path)\n"
             "  --patience MS    how long an input waits for the output it followed (default 15000)\n"
+            "  --keep           keep the sandbox (the desk's log, properties) and say where it is\n"
             "  --version        the tools' version\n"
             "  --help           this text\n\n"
-            "The sandbox is $ATCMD_ROOT, or a fresh directory under /tmp that is left in place.\n",
+            "The replay works in a fresh sandbox of its own under /tmp (ATCMD_ROOT in the\n"
+            "environment is not used: the log read is never written to) and removes it at exit\n"
+            "unless --keep. Exit status 3: the desk parts from the log where the log is damaged\n"
+            "(lines missing, another writer, a chunk cut off): no verdict on the module.\n",
             "/sdcard/quorvanta/.log", "atcmdprocess");
 }
 
@@ -73,15 +83,45 @@ FILE *own_output() {
     return out;
 }
 
+// A fresh sandbox, whatever ATCMD_ROOT said: a replay run with the phone's sandbox exported
+// would otherwise append its own run to the very log it reads.
 bool sandbox(std::string *root) {
-    const char *set = getenv("ATCMD_ROOT");
-    if (set == nullptr || set[0] == '\0') {
-        char tmpl[] = "/tmp/atcmd-replay-XXXXXX";
-        if (mkdtemp(tmpl) == nullptr) return false;
-        setenv("ATCMD_ROOT", tmpl, 1);
-    }
-    *root = getenv("ATCMD_ROOT");
+    char tmpl[] = "/tmp/atcmd-replay-XXXXXX";
+    if (mkdtemp(tmpl) == nullptr) return false;
+    setenv("ATCMD_ROOT", tmpl, 1);
+    *root = tmpl;
     return true;
+}
+
+// What cannot be removed stays; the walk goes on with the rest.
+int remove_entry(const char *path, const struct stat *, int, struct FTW *) {
+    remove(path);
+    return 0;
+}
+
+volatile sig_atomic_t g_child = 0;
+
+// A signal that ends the replay ends the play first; the parent then removes the sandbox.
+void pass_on(int sig) {
+    if (g_child > 0) kill(static_cast<pid_t>(g_child), sig);
+}
+
+// The play and its report, in the child; its exit status.
+[[noreturn]] void play_and_report(const World &world, const PlayOptions &options) {
+    FILE *out = own_output();
+    DeskRun desk;
+    play_world(world, options, &desk);
+    if (!desk.started) {
+        fprintf(out, "%satcmd_replay: the module did not start\n", describe_result(world, desk, Divergence{}).c_str());
+        fflush(out);
+        _exit(kCannot);
+    }
+    const Divergence d = first_divergence(world, desk);
+    fprintf(out, "%s", describe_result(world, desk, d).c_str());
+    if (!options.trace.empty()) fprintf(out, "trace of the replay: %s\n", options.trace.c_str());
+    fflush(out);
+    // The module's threads run on; closing it would end the process by signal.
+    _exit(!d.found ? kSame : d.damage != Damage::None ? kDamaged : kDiverged);
 }
 
 }  // namespace
@@ -92,10 +132,11 @@ int main(int argc, char **argv) {
         {"speed", required_argument, nullptr, 's'},  {"trace", required_argument, nullptr, 't'},
         {"to-trace", required_argument, nullptr, 'T'}, {"module", required_argument, nullptr, 'm'},
         {"patience", required_argument, nullptr, 'p'}, {"help", no_argument, nullptr, 'h'},
-        {"version", no_argument, nullptr, 'v'},        {nullptr, 0, nullptr, 0},
+        {"version", no_argument, nullptr, 'v'},        {"keep", no_argument, nullptr, 'k'},
+        {nullptr, 0, nullptr, 0},
     };
     PlayOptions options;
-    bool list = false;
+    bool list = false, keep = false;
     long run = 0;
     std::string to_trace;
     long patience = 0;
@@ -103,6 +144,7 @@ int main(int argc, char **argv) {
     for (int c; (c = getopt_long(argc, argv, "h", kOptions, nullptr)) != -1;) {
         switch (c) {
         case 'l': list = true; break;
+        case 'k': keep = true; break;
         case 'r': ok = parse_number(optarg, 1, kMaxRun, &run); break;
         case 's': ok = parse_speed(optarg, &options.speed); break;
         case 't': options.trace = optarg; break;
@@ -157,6 +199,11 @@ int main(int argc, char **argv) {
                index + 1, world.level_seen < 0 ? 0 : world.level_seen, kReplayLevel, kReplayLevel);
         return kCannot;
     }
+    printf("%s", describe_pace(world, options.speed).c_str());
+    const char *given = getenv("ATCMD_ROOT");
+    if (given != nullptr && given[0] != '\0') {
+        printf("ATCMD_ROOT=%s is not used: the replay works in a sandbox of its own\n", given);
+    }
     std::string root;
     if (!sandbox(&root)) {
         perror("atcmd_replay: sandbox");
@@ -164,18 +211,26 @@ int main(int argc, char **argv) {
     }
     printf("sandbox: %s (the desk's log: %s)\n", root.c_str(), rooted("/sdcard/quorvanta/.log/atcmdprocess").c_str());
     fflush(stdout);
-    FILE *out = own_output();
-    DeskRun desk;
-    play_world(world, options, &desk);
-    if (!desk.started) {
-        fprintf(out, "%satcmd_replay: the module did not start\n", describe_result(world, desk, Divergence{}).c_str());
-        fflush(out);
-        _exit(kCannot);
+    struct sigaction pass = {};
+    pass.sa_handler = pass_on;
+    for (int sig : {SIGINT, SIGTERM, SIGHUP}) sigaction(sig, &pass, nullptr);
+    const pid_t child = fork();
+    if (child < 0) {
+        perror("atcmd_replay: fork");
+        nftw(root.c_str(), remove_entry, 16, FTW_DEPTH | FTW_PHYS);
+        return kCannot;
     }
-    const Divergence d = first_divergence(world, desk);
-    fprintf(out, "%s", describe_result(world, desk, d).c_str());
-    if (!options.trace.empty()) fprintf(out, "trace of the replay: %s\n", options.trace.c_str());
-    fflush(out);
-    // The module's threads run on; closing it would end the process by signal.
-    _exit(d.found ? kDiverged : kSame);
+    if (child == 0) play_and_report(world, options);
+    g_child = child;
+    int status = 0;
+    while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
+    }
+    if (keep) {
+        printf("sandbox kept: %s\n", root.c_str());
+    } else {
+        nftw(root.c_str(), remove_entry, 16, FTW_DEPTH | FTW_PHYS);
+    }
+    if (WIFEXITED(status)) return WEXITSTATUS(status);
+    printf("atcmd_replay: the play ended by signal %d\n", WIFSIGNALED(status) ? WTERMSIG(status) : 0);
+    return kCannot;
 }

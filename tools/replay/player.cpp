@@ -299,6 +299,18 @@ bool wait_anchor(const World &w, const Input &in, int patience_ms, AccSim *acc, 
     return came;
 }
 
+// When lines are missing from the log between the previous input and an output waited for,
+// the output may never come on the desk: says so.
+std::string missing_before(const World &w, size_t anchor, size_t since_line) {
+    for (size_t i = anchor + 1; i-- > 0 && w.expected[i].line > since_line;) {
+        if (!w.expected[i].unexplained.empty()) {
+            return "; lines are missing from the log before line " + std::to_string(w.expected[i].line) + ": " +
+                   w.expected[i].unexplained;
+        }
+    }
+    return "";
+}
+
 void play_inputs(const World &w, const PlayOptions &o, AccSim *acc, DaemonSim *daemon, Play *p) {
     Clock::time_point prev_desk = Clock::now();
     int64_t prev_log = w.origin_us;
@@ -318,7 +330,8 @@ void play_inputs(const World &w, const PlayOptions &o, AccSim *acc, DaemonSim *d
                 target = w.expected[a].time_us >= prev_log ? from_anchor : std::max(target, from_anchor);
             } else {
                 p->desk->notes.push_back("log line " + std::to_string(in.line) + ": played without the output of log line " +
-                                         std::to_string(w.expected[a].line) + " that came before it on the phone");
+                                         std::to_string(w.expected[a].line) + " that came before it on the phone" +
+                                         missing_before(w, a, k == 0 ? 0 : w.inputs[k - 1].line));
             }
         }
         // A short gap is slept whole: reading the desk's log would make the input late.

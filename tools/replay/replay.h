@@ -23,6 +23,7 @@ struct LogEntry {
     int tid = 0;
     std::string func;
     std::string text;
+    bool at_file_end = false;  // the file's last message: it may have been cut off mid-text
 };
 
 // Something wrong with the file that the reader reported and stepped over.
@@ -72,6 +73,8 @@ struct Output {
     int64_t time_us = 0;
     std::string key;  // compared whole: "sent (mode 0): AT+TYPE?#15&1", "TYPE_parser: ..."
     bool port_gone = false;  // the log shows no accessory port then: a line sent reached no one
+    bool at_file_end = false;  // the file's last message: a desk output it begins matches it
+    std::string unexplained;   // why the log's own inputs cannot have caused it (lines missing)
 };
 
 // An input the log does not hold, and how the replay fills it in.
@@ -93,6 +96,8 @@ struct World {
     int plugged_number = 0;
     int level_seen = -1;    // the highest threshold of a message found in the run
     int64_t origin_us = 0;  // the time of the run's first message
+    size_t end_line = 0;    // the run's last message: where the comparison ends
+    int64_t end_us = 0;
 };
 
 // The log level at which every input the replay needs is written.
@@ -131,12 +136,19 @@ int matcher_add(Matcher *m, const Output &desk, int limit);
 bool matcher_done(const Matcher *m, int expected_index);
 bool matcher_all_done(const Matcher *m);
 
+// What a difference between the two sides is, when it is not the module's.
+enum class Damage { None, LinesMissing, LogNote };
+
 struct Divergence {
     bool found = false;
     size_t log_line = 0;
     std::string log_side;
     std::string desk_side;
     std::string explained;  // an input the log does not hold that may account for it
+    Damage damage = Damage::None;  // the log is damaged here: no verdict on the module
+    std::string damage_text;
+    size_t went_on = 0;     // desk outputs after the log's end, not compared
+    std::vector<std::string> cut;  // the file's last message, cut off, matched as far as it goes
 };
 Divergence first_divergence(const World &world, const DeskRun &desk);
 
@@ -144,6 +156,12 @@ Divergence first_divergence(const World &world, const DeskRun &desk);
 std::string describe_runs(const ParsedLog &log);
 std::string describe_world(const ParsedLog &log, size_t run_index, const World &world);
 std::string describe_result(const World &world, const DeskRun &desk, const Divergence &d);
+// What --speed shortens, the timers of the module that keep their own time, and about how long
+// the replay will take.
+std::string describe_pace(const World &world, double speed);
+// The replay's length at `speed`, in microseconds: the gaps the log shows between inputs are
+// scaled, the module's own reactions (the outputs an input waits for) are not.
+int64_t estimated_play_us(const World &world, double speed);
 
 // A trace of one run with the phone's own times, without replaying it.
 bool log_to_trace(const ParsedLog &log, const LogRun &run, const std::string &path, std::string *error);

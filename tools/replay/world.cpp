@@ -8,6 +8,7 @@
 #include <string.h>
 
 #include <algorithm>
+#include <map>
 
 #include "replay/replay.h"
 
@@ -197,11 +198,51 @@ void anchor_early_answers(World *w) {
     }
 }
 
+// The outputs that only an input can cause, checked against the inputs the log holds before
+// them: a line parsed needs bytes received that carry it, a resend or a time-out needs the line
+// sent first. One that has no such cause shows lines missing from the log before it.
+struct Causes {
+    std::string received;                 // every chunk received in the run, in order
+    std::map<std::string, int> parsed;    // lines parsed so far, by text
+    std::map<std::string, int> sent;      // lines sent so far, by text
+};
+
+constexpr const char kParsedLine[] = "cmd is ";
+constexpr const char kResentLine[] = " data: ";
+
+size_t occurrences(const std::string &text, const std::string &what) {
+    size_t n = 0;
+    for (size_t at = text.find(what); !what.empty() && at != std::string::npos; at = text.find(what, at + 1)) ++n;
+    return n;
+}
+
+void check_cause(Causes *c, Output *o) {
+    const auto after = [&o](const char *mark) {
+        const size_t at = o->key.rfind(mark);
+        return at == std::string::npos ? std::string() : o->key.substr(at + strlen(mark));
+    };
+    if (o->kind == OutputKind::Sent) {
+        c->sent[after(kParsedLine)]++;
+    } else if (o->kind == OutputKind::Parsed && starts(o->key, "cmd_Parse_from_buffer: ")) {
+        const std::string line = after(kParsedLine);
+        if (!line.empty() && static_cast<size_t>(++c->parsed[line]) > occurrences(c->received, line)) {
+            o->unexplained = "the module parsed \"" + line + "\", but the log holds no bytes received that carry it";
+        }
+    } else if (o->kind == OutputKind::Resent || o->kind == OutputKind::TimedOut) {
+        const std::string line = after(o->kind == OutputKind::Resent ? kResentLine : kParsedLine);
+        if (!line.empty() && c->sent[line] == 0) {
+            o->unexplained = std::string("the module ") + (o->kind == OutputKind::Resent ? "resent" : "timed out on") +
+                             " \"" + line + "\", but the log holds no line of it sent before";
+        }
+    }
+}
+
 }  // namespace
 
 bool output_of(const LogEntry &e, Output *out) {
     out->line = e.line;
     out->time_us = e.time_us;
+    out->at_file_end = e.at_file_end;
     for (const OutputRule &r : kOutputRules) {
         if (e.func != r.func || !starts(e.text, r.starts)) continue;
         out->kind = r.kind;
@@ -226,14 +267,21 @@ World rebuild_world(const ParsedLog &log, const LogRun &run) {
         }
     }
     w.origin_us = log.entries[run.first].time_us;
+    w.end_line = log.entries[run.end - 1].line;
+    w.end_us = log.entries[run.end - 1].time_us;
     bool plugged = false;
     long life = -1;
+    Causes causes;
     for (size_t i = run.first; i < run.end; ++i) {
         const LogEntry &e = log.entries[i];
         w.level_seen = std::max(w.level_seen, level_of(e));
         Input in;
         Output out;
-        if (read_input(e, &in)) {
+        if (read_input(e, &in) && e.at_file_end && in.kind == InputKind::Request && !ends_with(in.text, "\n")) {
+            w.notes.push_back({e.line, "the log ends inside this message: the upper layer's request \"" + in.text +
+                                           "\" is cut off; not played"});
+        } else if (read_input(e, &in)) {
+            if (in.kind == InputKind::UsbBytes || in.kind == InputKind::WifiBytes) causes.received += in.text;
             in.anchor = static_cast<int>(w.expected.size()) - 1;
             if (in.kind == InputKind::Plug) plugged = true;
             if (in.kind == InputKind::Unplug) plugged = false;
@@ -254,6 +302,7 @@ World rebuild_world(const ParsedLog &log, const LogRun &run) {
             }
         } else if (output_of(e, &out)) {
             out.port_gone = !plugged;
+            check_cause(&causes, &out);
             w.expected.push_back(out);
             const size_t mac = out.key.find(kMacLine);
             if (out.kind == OutputKind::Sent && mac != std::string::npos) {
