@@ -142,6 +142,13 @@ protected:
             return n >= count && !usb_pairs().empty() && usb_pairs().back()[0] == 1;
         }, kWait);
     }
+    // The accessory plugged as ttyACM0, the module opened and the start-up interrogation done.
+    void start_interrogated(AccSim *s) {
+        ASSERT_NO_FATAL_FAILURE(plug(s, "/dev/ttyACM0"));
+        ASSERT_NO_FATAL_FAILURE(open());
+        ASSERT_TRUE(plugged(1));
+        interrogated(s);
+    }
     // The whole start-up interrogation reached the accessory and its version came back.
     void interrogated(AccSim *s, size_t skip = 0, size_t versions = 1) {
         const auto missing = [&] {
@@ -260,10 +267,7 @@ TEST_F(KernelUsb, GuestRunForReplay) {
 // the request, resent to a closed port, times out with -110 as any unanswered one does.
 TEST_F(KernelUsb, UnplugDuringPendingRequest) {
     AccSim *acc = gadget(0);
-    plug(acc, "/dev/ttyACM0");
-    open();
-    ASSERT_TRUE(plugged(1));
-    interrogated(acc);
+    ASSERT_NO_FATAL_FAILURE(start_interrogated(acc));
     const int peer = ::open("/dev/ttyACM0", O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);
     ASSERT_GE(peer, 0) << strerror(errno);
     acc_sim_set_silent(acc, "+BAT", true);
@@ -300,10 +304,7 @@ TEST_F(KernelUsb, UnplugDuringPendingRequest) {
 // opened afresh, and the accessory is served again.
 TEST_F(KernelUsb, HangUpWithNodeStayingIsReopened) {
     AccSim *acc = gadget(0);
-    plug(acc, "/dev/ttyACM0");
-    open();
-    ASSERT_TRUE(plugged(1));
-    interrogated(acc);
+    ASSERT_NO_FATAL_FAILURE(start_interrogated(acc));
     ASSERT_TRUE(wait_until(queues_idle, kWait));
     // The port's settings are shared by every opener: one that clears CLOCAL makes the module's
     // port honour the carrier.
@@ -332,10 +333,7 @@ TEST_F(KernelUsb, HangUpWithNodeStayingIsReopened) {
 // ttyACM1, and the module follows it. Once everything let go, a re-plug is ttyACM0 again.
 TEST_F(KernelUsb, ReplugWhileHeldIsNextNameAndAfterReleaseTheSame) {
     AccSim *acc = gadget(0);
-    plug(acc, "/dev/ttyACM0");
-    open();
-    ASSERT_TRUE(plugged(1));
-    interrogated(acc);
+    ASSERT_NO_FATAL_FAILURE(start_interrogated(acc));
     // The old port is held here as well as by the module, so the minor is certainly kept
     // however fast the module lets go.
     const int held = ::open("/dev/ttyACM0", O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);
@@ -418,10 +416,7 @@ TEST_F(KernelUsb, TwoAccessoriesAtOnceLastPluggedIsHeld) {
 // layer hears (0, -1), and a re-plug is interrogated and answered again.
 TEST_F(KernelUsb, StalledAccessoryThenUnplugReleasesTheLink) {
     AccSim *acc = gadget(0);
-    plug(acc, "/dev/ttyACM0");
-    open();
-    ASSERT_TRUE(plugged(1));
-    interrogated(acc);
+    ASSERT_NO_FATAL_FAILURE(start_interrogated(acc));
     acc_sim_set_reading(acc, false);
     // Reports to the accessory (no answer awaited): far more than the port and endpoint hold.
     const std::string line = "+DTR=" + std::string(140, 'p') + "\r\n";
@@ -453,10 +448,7 @@ TEST_F(KernelUsb, StalledAccessoryThenUnplugReleasesTheLink) {
 TEST_F(KernelUsb, FloodAtFullSpeedParsesEveryLineOnce) {
     constexpr int kLines = 1500;
     AccSim *acc = gadget(0);
-    plug(acc, "/dev/ttyACM0");
-    open();
-    ASSERT_TRUE(plugged(1));
-    interrogated(acc);
+    ASSERT_NO_FATAL_FAILURE(start_interrogated(acc));
     ASSERT_TRUE(wait_until(queues_idle, kWait));
     ASSERT_EQ(acc_sim_flood(acc, "bat", kLines), kLines);
     EXPECT_TRUE(wait_until([] { return count_of(AT_MSG_BATCG) >= kLines; }, 2 * kWait));
