@@ -2,9 +2,9 @@
 # Checks Android.bp, builds the module and runs every test three times: a normal build,
 # AddressSanitizer with UndefinedBehaviorSanitizer, and ThreadSanitizer. Each test case runs in
 # its own process. After the normal build, the USB link's cases that need a real kernel run in
-# a qemu guest (scripts/kernel-test.sh). Then each fuzz target runs for a few seconds (clang build in build-fuzz/,
-# scripts/fuzz.sh), and last the plain suite is built for 64-bit and 32-bit ARM and run under
-# qemu-user (scripts/cross-test.sh).
+# a qemu guest (scripts/kernel-test.sh). Then each fuzz target runs for a few seconds (clang
+# build in build-fuzz/, scripts/fuzz.sh), and last the plain suite is built for 64-bit and
+# 32-bit ARM and run under qemu-user (scripts/cross-test.sh).
 # ATCMD_ANDROID_TREE, when set to a platform tree (or ../shared/android-platform-headers), adds
 # a stage after the Android.bp check: every module compiled as the platform build would, against
 # bionic for arm64, arm and x86_64 (scripts/android-check.sh). Unset, that stage is skipped, and
