@@ -18,6 +18,12 @@ cd "$(dirname "$0")/.."
 
 scripts/install-deps.sh
 jobs=$(nproc)
+# Each stage ends with its time and the run's so far, so a slow stage is seen in CI's output.
+stage_at=$SECONDS
+took() {
+  echo "---- $1: $((SECONDS - stage_at)) s (the run so far: $((SECONDS / 60)) min $((SECONDS % 60)) s)"
+  stage_at=$SECONDS
+}
 
 # Android.bp (and the interface's) must parse and be written as bpfmt writes them.
 echo "==== Android.bp (bpfmt -d) ===="
@@ -35,6 +41,7 @@ else
   echo "SKIPPED: no platform tree given (set ATCMD_ANDROID_TREE to one, or to"
   echo "../shared/android-platform-headers); the module was not compiled against bionic"
 fi
+took "platform compile check"
 
 echo "==== vendor policy check (scripts/sepolicy-check.sh --selftest) ===="
 if [ -n "${ATCMD_ANDROID_SEPOLICY:-}" ] && [ -d "$ATCMD_ANDROID_SEPOLICY" ]; then
@@ -46,6 +53,7 @@ else
   echo "SKIPPED: no platform policy given (set ATCMD_ANDROID_SEPOLICY to"
   echo "../shared/android-platform-sepolicy); the policy in sepolicy/ was not compiled"
 fi
+took "vendor policy check"
 
 run_suite() {
   local dir=$1 sanitize=$2
@@ -53,6 +61,7 @@ run_suite() {
   cmake -S . -B "$dir" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DATCMD_SANITIZE="$sanitize" >/dev/null
   cmake --build "$dir" -j"$jobs"
   (cd "$dir" && ctest -j"$jobs" --output-on-failure --timeout 120)
+  took "$dir"
 }
 
 # The link race test runs its 81 sequences in the plain stage; the slower stages run fewer
@@ -61,10 +70,14 @@ run_suite build ""
 # The USB link against the real kernel's cdc-acm port, in a qemu guest (scripts/kernel-test.sh),
 # with the plain build's test binary and replay tool.
 scripts/kernel-test.sh build
+took "kernel stage"
 ATCMD_RACE_SEQUENCES=2 run_suite build-asan "address,undefined"
 ATCMD_RACE_SEQUENCES=4 run_suite build-tsan "thread"
 echo "all three test runs passed"
 scripts/fuzz.sh "${ATCMD_FUZZ_SECONDS:-10}"
+took "fuzz"
 ATCMD_RACE_SEQUENCES=2 scripts/cross-test.sh arm64
+took "arm64"
 ATCMD_RACE_SEQUENCES=2 scripts/cross-test.sh armhf
+took "armhf"
 echo "native, sanitizer, fuzz and ARM runs passed"
