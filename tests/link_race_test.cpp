@@ -77,6 +77,11 @@ public:
         acc_ = acc_sim_create(AccIdentity{}, nullptr, nullptr);
         second_ = acc_sim_create(AccIdentity{}, nullptr, nullptr);
         daemon_ = daemon_sim_create(acc_, &World::on_report, nullptr, this);
+        // The two simulators stand for one accessory on two ports (and Wi-Fi), but each would
+        // answer the USB state from its own cable: the one on Wi-Fi, unplugged, would say "0,0"
+        // while the other is plugged and held, and the module rightly follows the answer. Here
+        // the USB state is told by plugs, unplugs and the backlog's explicit report alone.
+        for (AccSim *sim : {acc_, second_}) acc_sim_set_silent(sim, "+USBSTATE", true);
     }
     ~World() {  // the module's threads live on; the simulators stop first
         daemon_sim_destroy(daemon_);
