@@ -96,7 +96,7 @@ void read_property(const char *key, char *value) { property_get(key, value, "");
 // The MAC property, or when it is empty (unset, or not readable by this process) the address
 // the host handed over.
 void read_bt_mac(const char *key, char *value) {
-    property_get(key, value, "");
+    read_property(key, value);
     if (value[0] != '\0') return;
     std::lock_guard<std::mutex> lock(g_handed_mac_mutex);
     snprintf(value, PROPERTY_VALUE_MAX, "%s", g_handed_mac);
