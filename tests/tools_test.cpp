@@ -249,14 +249,16 @@ TEST(TraceTest, AnsweredAndUnansweredQueriesAreOneSpanEachWithResendsInsideAndLi
     EXPECT_NE(all.at(101).name.find("-110"), std::string::npos) << all.at(101).name;
     EXPECT_EQ(all.at(15).outcome, "answered TYPE");  // the module's own start-up queries too
     for (const auto &[seq, s] : all) EXPECT_GE(s.dur, 0) << "#" << seq;
-    // Each resend on the span's own track, between its start and its end.
+    // Each resend on the span's own track, between its start and its end. Only the unanswered
+    // query's are counted: a slow run (an emulator) may resend the start-up queries as well.
     std::istringstream resends(jq(".traceEvents[] | select(.cat==\"resend\") | \"\\(.args.seq) \\(.ts) \\(.tid)\"", trace));
     int count = 0;
-    for (long seq, ts, tid; resends >> seq >> ts >> tid; ++count) {
+    for (long seq, ts, tid; resends >> seq >> ts >> tid;) {
         ASSERT_EQ(all.count(seq), 1u);
         const Span &s = all.at(seq);
         EXPECT_EQ(tid, s.tid);
         EXPECT_TRUE(ts >= s.ts && ts <= s.ts + s.dur) << "resend of #" << seq << " at " << ts;
+        if (seq == 101) ++count;
     }
     EXPECT_EQ(count, ATCMD_MAX_RESENDS);
     EXPECT_EQ(jq("[.traceEvents[] | select(.cat==\"link\" and .s==\"g\") | .name] | join(\",\")", trace), "plug,unplug\n");
