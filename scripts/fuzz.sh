@@ -9,7 +9,8 @@ cd "$(dirname "$0")/.."
 
 seconds=${1:-10}
 CC=clang CXX=clang++ cmake -S . -B build-fuzz -DCMAKE_BUILD_TYPE=RelWithDebInfo -DATCMD_FUZZ=ON \
-  -DBUILD_TESTING=OFF >/dev/null
+  -DCMAKE_CXX_FLAGS_RELWITHDEBINFO="-O2 -g1 -DNDEBUG" -DCMAKE_C_FLAGS_RELWITHDEBINFO="-O2 -g1 -DNDEBUG" \
+  -DATCMD_BENCH=OFF -DBUILD_TESTING=OFF >/dev/null
 cmake --build build-fuzz -j2 --target fuzz_line_parser fuzz_extractors fuzz_rx_framing
 
 mkdir -p build-fuzz/artifacts

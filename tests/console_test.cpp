@@ -13,7 +13,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <regex>
 #include <string>
 
 #include "support/test_support.h"
@@ -151,15 +150,15 @@ TEST(ConsoleSandboxTest, TheSimulatorsSandboxIsRemovedAtExitUnlessKept) {
     Sandbox sb;  // for the console's standard error; the console makes its own sandbox
     for (const bool keep : {false, true}) {
         const Ran r = run_console(std::string("--sim ") + (keep ? "--keep " : "") + "-c status", "env -u ATCMD_ROOT ");
-        std::smatch root;
-        ASSERT_TRUE(std::regex_search(r.out, root, std::regex("sandbox root: (/tmp/atcmd-console-\\w+)")))
+        std::vector<std::string> root;
+        ASSERT_TRUE(pattern_search(r.out, "sandbox root: (/tmp/atcmd-console-\\w+)", &root))
             << r.out << r.err;
         struct stat st;
-        const bool left = stat(root[1].str().c_str(), &st) == 0;
+        const bool left = stat(root[1].c_str(), &st) == 0;
         EXPECT_EQ(left, keep) << root[1];
-        EXPECT_EQ(r.out.find("sandbox kept: " + root[1].str()) != std::string::npos, keep) << r.out;
+        EXPECT_EQ(r.out.find("sandbox kept: " + root[1]) != std::string::npos, keep) << r.out;
         if (left) {
-            EXPECT_EQ(system(("rm -rf '" + root[1].str() + "'").c_str()), 0);
+            EXPECT_EQ(system(("rm -rf '" + root[1] + "'").c_str()), 0);
         }
     }
 }
@@ -302,11 +301,11 @@ TEST(ConsoleWaitTest, AWaitTakesTheNextMessageAndSeenTakesOneThatCameSayingWhen)
     const std::string start = "--sim -c 'setprop net.bluetooth.macaddr 11:22:33:44:55:66; acc plug 3; wait VER 8000; ";
     const Ran next = run_console(start + "wait TYPE 300'");
     EXPECT_EQ(next.status, 3) << next.out << next.err;
-    EXPECT_TRUE(std::regex_search(next.err, std::regex(R"(error: timed out waiting for TYPE \(300 ms from \d+\.\d{3} s\))")))
+    EXPECT_TRUE(pattern_search(next.err, R"(error: timed out waiting for TYPE \(300 ms from \d+\.\d{3} s\))"))
         << next.err;
     const Ran seen = run_console(start + "wait --seen TYPE 300; wait --seen TYPE=KV4410C 300'");
     EXPECT_EQ(seen.status, 0) << seen.out << seen.err;
-    EXPECT_TRUE(std::regex_search(seen.out, std::regex(R"(TYPE seq 15 came at (\d+\.\d{3}) s, before this wait \(\d+\.\d{3} s\)\n)")))
+    EXPECT_TRUE(pattern_search(seen.out, R"(TYPE seq 15 came at (\d+\.\d{3}) s, before this wait \(\d+\.\d{3} s\)\n)"))
         << seen.out;
 }
 
@@ -318,15 +317,15 @@ TEST(ConsoleWaitTest, ErrorsAndTimeOutsNameTheirRequest) {
     const Ran text = run_console("--sim -c 'setprop net.bluetooth.macaddr 11:22:33:44:55:66; " + commands + "'");
     EXPECT_EQ(text.status, 3) << text.err;
     const std::string sent = R"(the request AT\+BAT\?#100&1, sent at \d+\.\d{3} s)";
-    EXPECT_TRUE(std::regex_search(text.out, std::regex(R"(msg   ERROR \(msg_id 24\) seq 100: -110 ETIMEDOUT [^\n]*; )" + sent + "\n")))
+    EXPECT_TRUE(pattern_search(text.out, R"(msg   ERROR \(msg_id 24\) seq 100: -110 ETIMEDOUT [^\n]*; )" + sent + "\n"))
         << text.out;
-    EXPECT_TRUE(std::regex_search(text.err, std::regex(R"(timed out waiting for BAT \(1000 ms from \d+\.\d{3} s\); )" + sent +
-                                                       R"(, ended with ERROR seq 100: -110 at \d+\.\d{3} s)")))
+    EXPECT_TRUE(pattern_search(text.err, R"(timed out waiting for BAT \(1000 ms from \d+\.\d{3} s\); )" + sent +
+                                                       R"(, ended with ERROR seq 100: -110 at \d+\.\d{3} s)"))
         << text.err;
     const Ran json = run_console("--sim --json -c 'setprop net.bluetooth.macaddr 11:22:33:44:55:66; " + commands + "'");
-    EXPECT_TRUE(std::regex_search(json.out, std::regex(R"("name":"ERROR","seq_num":100,.*"request":\{"line":"AT\+BAT\?#100&1","sent":[0-9.]+\}\})")))
+    EXPECT_TRUE(pattern_search(json.out, R"("name":"ERROR","seq_num":100,.*"request":\{"line":"AT\+BAT\?#100&1","sent":[0-9.]+\}\})"))
         << json.out;
-    EXPECT_TRUE(std::regex_search(json.out, std::regex(R"("event":"result","command":"wait","ok":false,"exit_code":3,.*"line":"wait BAT 1000","started":[0-9.]+\})")))
+    EXPECT_TRUE(pattern_search(json.out, R"("event":"result","command":"wait","ok":false,"exit_code":3,.*"line":"wait BAT 1000","started":[0-9.]+\})"))
         << json.out;
 }
 

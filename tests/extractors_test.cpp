@@ -3,7 +3,6 @@
 
 #include <string.h>
 
-#include <regex>
 
 #include "accessory/accessory.h"
 #include "support/test_support.h"
@@ -71,5 +70,5 @@ TEST(ExtractorTest, NumbersTextsStateWordsAndVersionItems) {
         EXPECT_TRUE(sb.wait_log(log)) << log;
     }
     // The shared checker logs under the name of the extractor that called it.
-    EXPECT_TRUE(std::regex_search(sb.log_text(), std::regex(R"(\]getBatinfo_fromCmdString:\d+: Batinfo para)")));
+    EXPECT_TRUE(pattern_search(sb.log_text(), R"(\]getBatinfo_fromCmdString:\d+: Batinfo para)"));
 }

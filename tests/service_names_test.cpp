@@ -5,7 +5,6 @@
 #include <stdio.h>
 #include <sys/wait.h>
 
-#include <regex>
 #include <string>
 #include <vector>
 
@@ -16,6 +15,9 @@
 
 namespace {
 
+using atcmd_test::pattern_all;
+using atcmd_test::pattern_quote;
+using atcmd_test::pattern_search;
 using atcmd_test::read_file;
 
 const std::string kRoot = ATCMD_TEST_DIR "/..";
@@ -37,7 +39,7 @@ std::string run(const std::string &command, int *status) {
 }
 
 bool has(const std::string &text, const std::string &pattern) {
-    return std::regex_search(text, std::regex(pattern));
+    return pattern_search(text, pattern);
 }
 
 TEST(ServiceNamesTest, InstanceIsPackageDotInterfaceSlashDefault) {
@@ -77,12 +79,11 @@ TEST(ServiceNamesTest, FrozenVersionMatchesItsHashAndCurrent) {
     EXPECT_NE(standin.find("hash = \"" + hash.substr(0, hash.size() - 1) + "\""), std::string::npos);
     // Every method of the frozen interface is one of the stand-in's transactions.
     const std::string dump = read_file(version_dir + kPackageDir + "IAtCmd.aidl");
-    const std::regex method("\\n  [A-Za-z.<>\\[\\]]+ ([a-zA-Z]+)\\(");
-    int methods = 0;
-    for (std::sregex_iterator it(dump.begin(), dump.end(), method), end; it != end; ++it, ++methods) {
-        EXPECT_NE(standin.find("TRANSACTION_" + (*it)[1].str() + " "), std::string::npos) << (*it)[1];
+    const std::vector<std::string> methods = pattern_all(dump, "\\n  [A-Za-z.<>\\[\\]]+ ([a-zA-Z]+)\\(");
+    for (const std::string &method : methods) {
+        EXPECT_NE(standin.find("TRANSACTION_" + method + " "), std::string::npos) << method;
     }
-    EXPECT_EQ(methods, 10);
+    EXPECT_EQ(methods.size(), 10u);
 }
 
 TEST(ServiceNamesTest, BuildFilesNameTheInterfaceVersionAndTheServiceFiles) {
@@ -142,8 +143,7 @@ TEST(ServiceNamesTest, InitFileStartsTheBinaryInstalledUnderHwAsARestartedHal) {
 
 TEST(ServiceNamesTest, ServiceContextsLabelTheInstance) {
     const std::string contexts = read_file(kRoot + "/sepolicy/vendor/service_contexts");
-    EXPECT_TRUE(has(contexts, std::string("(^|\\n)") + std::regex_replace(atcmd_service::kInstance,
-                                                                          std::regex("\\."), "\\.") +
+    EXPECT_TRUE(has(contexts, std::string("(^|\\n)") + pattern_quote(atcmd_service::kInstance) +
                                   "\\s+u:object_r:hal_atcmd_service:s0\\n"));
 }
 

@@ -8,7 +8,6 @@
 #include <unistd.h>
 
 #include <mutex>
-#include <regex>
 #include <string>
 #include <vector>
 
@@ -27,6 +26,7 @@ using atcmd_service::Client;
 using atcmd_service::CommandIn;
 using atcmd_service::CopiedMessage;
 using atcmd_service::RegisterResult;
+using atcmd_test::pattern_replace;
 using atcmd_test::Sandbox;
 using atcmd_test::wait_until;
 using namespace atcmd_tools;
@@ -296,7 +296,10 @@ TEST(ConsoleServiceTest, ConsoleRefusesASecondModuleWhereTheServiceIsDeclared) {
         {"no fragment", "", 0},
         {"the service's fragment", fragment, 4},
         {"the fragment commented out", "<!-- " + fragment.substr(fragment.find("<manifest")) + " -->", 0},
-        {"another interface", std::regex_replace(fragment, std::regex("IAtCmd/default"), "IOther/default"), 0},
+        {"another interface", pattern_replace(fragment, "IAtCmd/default", "IOther/default"), 0},
+        {"the instance as <interface>", pattern_replace(fragment, "<fqname>IAtCmd/default</fqname>",
+                                                        "<interface>\n <name>IAtCmd</name>\n <instance>default</instance>\n</interface>"), 4},
+        {"a HIDL declaration", pattern_replace(fragment, "format=\"aidl\"", "format=\"hidl\""), 0},
     };
     // The console under ThreadSanitizer, as the console's own tests run it.
     setenv("TSAN_OPTIONS", "report_signal_unsafe=0 suppressions=" ATCMD_TSAN_SUPPRESSIONS, 1);

@@ -12,7 +12,6 @@
 
 #include <algorithm>
 #include <map>
-#include <regex>
 #include <set>
 #include <sstream>
 #include <string>
@@ -141,7 +140,7 @@ TEST(ConsoleTest, LoadsTheModuleReportsTheUnansweredQueryAndFailsOnABadCommand) 
               std::string::npos) << out;
     EXPECT_NE(out.find("\"event\":\"result\",\"command\":\"nosuch\",\"ok\":false,\"exit_code\":2"), std::string::npos) << out;
     EXPECT_EQ(out.find("[tid:"), std::string::npos) << "module prints leaked into the console output";
-    EXPECT_TRUE(std::regex_search(sb.log_text(), std::regex(R"(\]\[tid:\d+\]atcmder_hal_open:\d+: func is atcmder_hal_open\.)")))
+    EXPECT_TRUE(pattern_search(sb.log_text(), R"(\]\[tid:\d+\]atcmder_hal_open:\d+: func is atcmder_hal_open\.)"))
         << sb.log_text();
 }
 
@@ -217,10 +216,10 @@ TEST(ModuleLoadTest, ExportsExactlyTheSystemNames) {
         if (!line.empty() && line[0] != '#') expected.insert(line);
     }
     std::istringstream lines(run("nm -D --defined-only '" ATCMD_MODULE_PATH "'", 0));
-    std::smatch m;
+    std::vector<std::string> m;
     for (std::string line; std::getline(lines, line);) {
-        if (std::regex_match(line, m, std::regex(R"(^[0-9a-fA-F]+ \w (\S+)$)")) &&
-            (m[1].str().rfind("__", 0) != 0 || m[1] == "__system_property_get")) {
+        if (pattern_match(line, R"(^[0-9a-fA-F]+ \w (\S+)$)", &m) &&
+            (m[1].rfind("__", 0) != 0 || m[1] == "__system_property_get")) {
             exported.insert(m[1]);
         }
     }
@@ -512,8 +511,8 @@ std::string replay_tool() { return ATCMD_TOOL_RUNNER "'" ATCMD_BIN_DIR "/atcmd_r
 
 // The "sandbox: PATH" the replay names.
 std::string replay_sandbox(const std::string &report) {
-    std::smatch m;
-    return std::regex_search(report, m, std::regex("\nsandbox: (/tmp/atcmd-replay-[A-Za-z0-9]+) ")) ? m[1].str() : "";
+    std::vector<std::string> m;
+    return pattern_search(report, "\nsandbox: (/tmp/atcmd-replay-[A-Za-z0-9]+) ", &m) ? m[1] : "";
 }
 
 }  // namespace
@@ -557,8 +556,8 @@ TEST(ReplayDamagedLogTest, TheLogsEndACutMessageAndMissingLinesAreNamedAtTheirLi
         EXPECT_NE(report.find("\nexit " + std::to_string(c.status)), std::string::npos) << c.name << "\n" << report;
         EXPECT_EQ(report.find("first divergence"), std::string::npos) << c.name << "\n" << report;
         if (c.status == 0) {
-            EXPECT_TRUE(std::regex_search(report, std::regex("\nno divergence: .*\nthe log ends at line \\d+ \\(time stamp \\d+\\.\\d+, "
-                                                             "[0-9.]+ s into the run\\); the desk went on: [1-9]\\d* outputs? not compared\n")))
+            EXPECT_TRUE(pattern_search(report, "\nno divergence: .*\nthe log ends at line \\d+ \\(time stamp \\d+\\.\\d+, "
+                                                             "[0-9.]+ s into the run\\); the desk went on: [1-9]\\d* outputs? not compared\n"))
                 << c.name << "\n" << report;
         }
     }

@@ -16,6 +16,7 @@
 #include <algorithm>
 #include <chrono>
 #include <fstream>
+#include <regex>
 #include <sstream>
 #include <thread>
 
@@ -332,6 +333,56 @@ size_t fill_towards_peer(const std::string &port_path) {
     }
     close(fd);
     return written;
+}
+
+}  // namespace atcmd_test
+
+namespace atcmd_test {
+
+namespace {
+
+bool pattern_find(const std::string &text, const std::string &pattern, std::vector<std::string> *groups,
+             bool whole) {
+    std::smatch m;
+    const std::regex re(pattern);
+    const bool found = whole ? std::regex_match(text, m, re) : std::regex_search(text, m, re);
+    if (found && groups != nullptr) {
+        groups->clear();
+        for (const auto &g : m) groups->push_back(g.str());
+    }
+    return found;
+}
+
+}  // namespace
+
+bool pattern_search(const std::string &text, const std::string &pattern, std::vector<std::string> *groups) {
+    return pattern_find(text, pattern, groups, false);
+}
+
+bool pattern_match(const std::string &text, const std::string &pattern, std::vector<std::string> *groups) {
+    return pattern_find(text, pattern, groups, true);
+}
+
+std::vector<std::string> pattern_all(const std::string &text, const std::string &pattern) {
+    std::vector<std::string> out;
+    const std::regex re(pattern);
+    for (std::sregex_iterator it(text.begin(), text.end(), re), end; it != end; ++it) {
+        out.push_back((*it)[1].str());
+    }
+    return out;
+}
+
+std::string pattern_replace(const std::string &text, const std::string &pattern, const std::string &with) {
+    return std::regex_replace(text, std::regex(pattern), with);
+}
+
+std::string pattern_quote(const std::string &literal) {
+    std::string out;
+    for (char c : literal) {
+        if (c != '\0' && strchr("\\^$.|?*+()[]{}", c) != nullptr) out += '\\';
+        out += c;
+    }
+    return out;
 }
 
 }  // namespace atcmd_test

@@ -6,6 +6,7 @@
  */
 #include "console/service_link.h"
 
+#include <ctype.h>
 #include <dirent.h>
 #include <errno.h>
 #include <stdio.h>
@@ -13,7 +14,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <regex>
 #include <vector>
 
 #include "service/service_names.h"
@@ -36,21 +36,50 @@ namespace {
 constexpr const char kManifestDir[] = "/vendor/etc/vintf/manifest";
 constexpr const char kManifest[] = "/vendor/etc/vintf/manifest.xml";
 
+// The trimmed text of each <tag>...</tag> in `text`, in order.
+std::vector<std::string> elements(const std::string &text, const std::string &tag) {
+    std::vector<std::string> out;
+    const std::string open = "<" + tag + ">", close = "</" + tag + ">";
+    for (size_t at = text.find(open); at != std::string::npos; at = text.find(open, at)) {
+        const size_t from = at + open.size(), to = text.find(close, from);
+        if (to == std::string::npos) break;
+        std::string inner = text.substr(from, to - from);
+        inner.erase(0, inner.find_first_not_of(" \t\r\n"));
+        inner.erase(inner.find_last_not_of(" \t\r\n") + 1);
+        out.push_back(inner);
+        at = to + close.size();
+    }
+    return out;
+}
+
+bool holds(const std::vector<std::string> &values, const std::string &value) {
+    return std::find(values.begin(), values.end(), value) != values.end();
+}
+
 // Whether a VINTF manifest's text declares the service's instance: an AIDL <hal> with the
 // package's name and the instance, as <fqname> or as <interface><name>/<instance>.
 bool manifest_declares(std::string text) {
-    text = std::regex_replace(text, std::regex("<!--[\\s\\S]*?-->"), "");
-    const std::regex hal("<hal\\s[^>]*format=\"aidl\"[^>]*>([\\s\\S]*?)</hal>");
-    const std::string name = std::string("<name>\\s*") + std::regex_replace(atcmd_service::kPackage, std::regex("\\."), "\\.") +
-                             "\\s*</name>";
-    const std::string fqname = std::string("<fqname>\\s*") + atcmd_service::kInterface + "/default\\s*</fqname>";
-    const std::string iface = std::string("<interface>\\s*<name>\\s*") + atcmd_service::kInterface +
-                              "\\s*</name>[\\s\\S]*?<instance>\\s*default\\s*</instance>";
-    for (std::sregex_iterator it(text.begin(), text.end(), hal), end; it != end; ++it) {
-        const std::string block = (*it)[1];
-        if (std::regex_search(block, std::regex(name)) &&
-            (std::regex_search(block, std::regex(fqname)) || std::regex_search(block, std::regex(iface)))) {
-            return true;
+    for (size_t at = text.find("<!--"); at != std::string::npos; at = text.find("<!--", at)) {
+        const size_t end = text.find("-->", at + 4);
+        text.erase(at, end == std::string::npos ? std::string::npos : end + 3 - at);
+    }
+    for (size_t at = text.find("<hal"); at != std::string::npos; at = text.find("<hal", at + 4)) {
+        const size_t tag_end = text.find('>', at);
+        const size_t hal_end = text.find("</hal>", at);
+        if (tag_end == std::string::npos || hal_end == std::string::npos) break;
+        const std::string tag = text.substr(at, tag_end - at);
+        if (tag.size() < 5 || !isspace(static_cast<unsigned char>(tag[4])) ||
+            tag.find("format=\"aidl\"") == std::string::npos) {
+            continue;
+        }
+        const std::string block = text.substr(tag_end + 1, hal_end - tag_end - 1);
+        if (!holds(elements(block, "name"), atcmd_service::kPackage)) continue;
+        if (holds(elements(block, "fqname"), std::string(atcmd_service::kInterface) + "/default")) return true;
+        for (const std::string &iface : elements(block, "interface")) {
+            if (holds(elements(iface, "name"), atcmd_service::kInterface) &&
+                holds(elements(iface, "instance"), "default")) {
+                return true;
+            }
         }
     }
     return false;
