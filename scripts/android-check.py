@@ -362,14 +362,16 @@ class Check:
         cppflags = (["-fno-exceptions"] +
                     ([] if props.get("rtti") else ["-fno-rtti"]) +
                     cflags + props.get("cppflags", []))
-        includes = [a for d in props.get("local_include_dirs", []) + ["."] +
-                    props.get("export_include_dirs", []) for a in ("-I", d)]
+        dirs = props.get("local_include_dirs", []) + ["."] + props.get("export_include_dirs", [])
         libs = (props.get("static_libs", []) + props.get("whole_static_libs", []) +
                 props.get("shared_libs", []) + props.get("header_libs", []))
         for lib in libs:
-            includes += [a for d in self.library_dirs(name, lib, os_name) for a in ("-I", d)]
+            dirs += self.library_dirs(name, lib, os_name)
+        # A folder named twice is searched once (the compiler drops the repeat), so only the first
+        # is kept: modules that differ only in repeats then share one compile.
+        dirs = list(dict.fromkeys(dirs))
         return {"c": cflags + props.get("conlyflags", []), "cpp": cppflags,
-                "includes": includes}
+                "includes": [a for d in dirs for a in ("-I", d)]}
 
 
 def later_glibc_header(folder):

@@ -317,10 +317,14 @@ private:
     // With an accessory plugged, the module holds one of the plugged ports and reads it: a line
     // sent there reaches the upper layer. It starts with a line end, so that what a pulled cable
     // left of a line on the receive thread is ended, not joined to it.
+    // A port replaced under the same name by the last step is let go of and the new one taken
+    // when the hot-plug thread reads the events, which a loaded machine can hold back.
     std::string held_port_is_read() {
         if (!acc_sim_plugged(acc_) && !acc_sim_plugged(second_)) return "";
-        AccSim *held = holder();
-        if (held == nullptr) return "the port held is no plugged accessory's";
+        AccSim *held = nullptr;
+        if (!wait_until([&] { return (held = holder()) != nullptr; }, kSettleMs)) {
+            return "the port held is no plugged accessory's";
+        }
         const std::string mark = "held-" + std::to_string(++marks_);
         // The simulator writes once the module has written to it (the port is raw from then on).
         bool sent = false;
