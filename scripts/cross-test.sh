@@ -23,15 +23,16 @@ scripts/install-deps.sh "crossbuild-essential-$arch:all" qemu-user \
 
 start=$(date +%s)
 echo "==== build $dir ($triplet, tests under qemu-user) ===="
-# Line tables only, as in the host's test builds: the compiles take half the time.
+# Line tables only and -O1: the compiles take half the time of -O2 -g, and what this stage looks
+# for (the processor's word sizes, alignment and memory order) does not need the last pass.
 cmake -S . -B "$dir" -DCMAKE_BUILD_TYPE=RelWithDebInfo \
-  -DCMAKE_CXX_FLAGS_RELWITHDEBINFO="-O2 -g1 -DNDEBUG" -DCMAKE_C_FLAGS_RELWITHDEBINFO="-O2 -g1 -DNDEBUG" \
+  -DCMAKE_CXX_FLAGS_RELWITHDEBINFO="-O1 -g1 -DNDEBUG" -DCMAKE_C_FLAGS_RELWITHDEBINFO="-O1 -g1 -DNDEBUG" \
   -DCMAKE_TOOLCHAIN_FILE="cmake/toolchains/$triplet.cmake" -DATCMD_BENCH=OFF >/dev/null
 cmake --build "$dir" -j"$(nproc)"
 built=$(date +%s)
 # The tests mostly wait on pseudo-terminals, FIFOs and timers, also under the emulator: twice as
-# many at once as there are cores keeps both busy. The cases labelled "timed" (the tools', whose
-# runs are compared at the module's 100 ms resend) run after the rest, one a core.
-(cd "$dir" && ctest -j"$(( $(nproc) * 2 ))" -LE timed --output-on-failure --timeout 120 &&
-  ctest -j"$(nproc)" -L timed --output-on-failure --timeout 120)
+# many at once as there are cores keeps both busy. All at once here, the tools' "timed" cases too:
+# under the emulator they are mostly its work, and the cases whose comparison an emulated run
+# upsets skip themselves.
+(cd "$dir" && ctest -j"$(( $(nproc) * 2 ))" --output-on-failure --timeout 120)
 echo "$arch: built in $(( built - start )) s, tested in $(( $(date +%s) - built )) s"
