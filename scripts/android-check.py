@@ -11,7 +11,7 @@ every platform module gets (a vendor module's as well where it is vendor or vend
 host variants with the host flags. Compile only: nothing is linked. The module the device loads
 (SHIPPED below) is compiled to objects for every architecture; every other compile stops after
 the front end (-fsyntax-only), which is where the headers, the declarations and the diagnostics
-a platform build would fail on all come from, in half the time.
+a platform build would fail on all come from.
 
 One line is printed per failing compile, then a tally; the full diagnostics are kept under
 build-android-check/. The exit status is 0 only when every compile passed.

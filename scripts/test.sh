@@ -56,7 +56,7 @@ fi
 took "vendor policy check"
 
 # The test builds keep line tables only (-g1): a failure or a sanitizer's report still names file
-# and line, and the compiles take half the time. The sanitizer builds are -O1, as the sanitizers'
+# and line, and the compiles take a third less time. The sanitizer builds are -O1, as the sanitizers'
 # own guides advise. The tests mostly wait on terminals, FIFOs and timers (the plain suite keeps a
 # core busy a tenth of its time), so CTest runs several per core; fewer under ThreadSanitizer,
 # whose processes do use their cores. The cases labelled "timed" (tests/CMakeLists.txt) run

@@ -335,14 +335,10 @@ size_t fill_towards_peer(const std::string &port_path) {
     return written;
 }
 
-}  // namespace atcmd_test
-
-namespace atcmd_test {
-
 namespace {
 
 bool pattern_find(const std::string &text, const std::string &pattern, std::vector<std::string> *groups,
-             bool whole) {
+                  bool whole) {
     std::smatch m;
     const std::regex re(pattern);
     const bool found = whole ? std::regex_match(text, m, re) : std::regex_search(text, m, re);

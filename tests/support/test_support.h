@@ -22,21 +22,21 @@ namespace atcmd_test {
 bool wait_until(const std::function<bool()> &pred, int timeout_ms = 3000);
 
 std::string read_file(const std::string &path);
+using atcmd_tools::write_text_file;  // files are written the one way the tools write them
 
 // Regular expressions (ECMAScript syntax), all compiled in test_support.cpp: <regex> costs each
 // file that includes it seconds of compile time in every build.
 // The first match of `pattern` in `text`; its groups go to `groups` ([0] the whole match).
 bool pattern_search(const std::string &text, const std::string &pattern,
-               std::vector<std::string> *groups = nullptr);
+                    std::vector<std::string> *groups = nullptr);
 // `pattern` matches the whole of `text`.
 bool pattern_match(const std::string &text, const std::string &pattern,
-              std::vector<std::string> *groups = nullptr);
+                   std::vector<std::string> *groups = nullptr);
 // The first group of every match, in order.
 std::vector<std::string> pattern_all(const std::string &text, const std::string &pattern);
 std::string pattern_replace(const std::string &text, const std::string &pattern, const std::string &with);
 // `literal` with every character a pattern gives a meaning escaped.
 std::string pattern_quote(const std::string &literal);
-using atcmd_tools::write_text_file;  // files are written the one way the tools write them
 
 // True when nothing waits on the transmit queue or for an answer.
 bool queues_idle();
